@@ -1,0 +1,395 @@
+#include "sdk/FileUtils.h"
+
+#include <fcntl.h>
+#include <limits.h>
+#include <openssl/evp.h>
+#include <stdio.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+namespace SDK::FileUtils {
+namespace {
+
+constexpr size_t kBufferSize = 64UL * 1024;
+constexpr int kSafeFlags = O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
+constexpr mode_t kNewFileMode = 0644;
+constexpr mode_t kPermissions = 0777;
+constexpr mode_t kAllModeBits = 07777;
+
+class Descriptor {
+public:
+    Descriptor() = default;
+    ~Descriptor() { Reset(-1); }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+
+    // Takes ownership of what open() returned: 0, or errno when that is no descriptor.
+    int Reset(int fd) {
+        const int error = errno;
+        if (fd_ >= 0) {
+            close(fd_);
+        }
+        fd_ = fd;
+        return fd >= 0 ? 0 : error;
+    }
+    int Get() const { return fd_; }
+
+private:
+    int fd_ = -1;
+};
+
+int CheckRegular(const struct stat& status) {
+    if (S_ISREG(status.st_mode)) {
+        return 0;
+    }
+    return S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+}
+
+int StatRegular(const std::string& path, struct stat& status) {
+    if (path.find('\0') != std::string::npos) {
+        return EINVAL;
+    }
+    return stat(path.c_str(), &status) == 0 ? CheckRegular(status) : errno;
+}
+
+// Takes over `fd`, just opened, if it is a regular file.
+int AdoptRegular(int fd, Descriptor& file, struct stat& status) {
+    if (const int error = file.Reset(fd); error != 0) {
+        return error;
+    }
+    return fstat(file.Get(), &status) == 0 ? CheckRegular(status) : errno;
+}
+
+int OpenRegular(const std::string& path, int flags, Descriptor& file, struct stat& status) {
+    // Looked at before too: merely opening a device can set it off.
+    if (const int error = StatRegular(path, status); error != 0) {
+        return error;
+    }
+    return AdoptRegular(open(path.c_str(), flags | kSafeFlags), file, status);
+}
+
+// Hands the file to `consume` (data, length -> 0 or an errno value) piece by piece up to its end.
+template <typename Consumer>
+int ReadPieces(int fd, size_t limit, const Consumer& consume) {
+    // Not zeroed: most files are far smaller.
+    const std::unique_ptr<char[]> buffer(new char[kBufferSize]);
+    for (size_t total = 0;;) {
+        const ssize_t got = read(fd, buffer.get(), kBufferSize);
+        if (got == 0) {
+            return 0;
+        }
+        if (got < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return errno;
+        }
+        const auto length = static_cast<size_t>(got);
+        if (length > limit - total) {
+            return EFBIG;
+        }
+        total += length;
+        if (const int error = consume(buffer.get(), length); error != 0) {
+            return error;
+        }
+    }
+}
+
+int ReadFileAndStatus(const std::string& path, std::string& content, size_t limit,
+                      struct stat& status) {
+    Descriptor file;
+    if (const int error = OpenRegular(path, O_RDONLY, file, status); error != 0) {
+        return error;
+    }
+    const auto size = static_cast<uint64_t>(status.st_size);
+    if (size > limit) {
+        return EFBIG;
+    }
+    std::string read_content;
+    read_content.reserve(size);
+    const int error = ReadPieces(file.Get(), limit, [&](const char* data, size_t length) {
+        read_content.append(data, length);
+        return 0;
+    });
+    if (error == 0) {
+        content.swap(read_content);
+    }
+    return error;
+}
+
+int WriteAll(int fd, const std::string& content) {
+    for (size_t done = 0; done < content.size();) {
+        const ssize_t put = write(fd, content.data() + done, content.size() - done);
+        if (put > 0) {
+            done += static_cast<size_t>(put);
+        } else if (put == 0) {
+            return ENOSPC;
+        } else if (errno != EINTR) {
+            return errno;
+        }
+    }
+    return 0;
+}
+
+// Follows the symbolic links that `path` ends in, by hand because the last may dangle.
+int ResolveLinks(const std::string& path, std::string& target) {
+    constexpr int kMaxLinks = 40;
+    target = path;
+    for (int i = 0; i < kMaxLinks; ++i) {
+        struct stat status {};
+        if (lstat(target.c_str(), &status) != 0) {
+            return errno == ENOENT ? 0 : errno;
+        }
+        if (!S_ISLNK(status.st_mode)) {
+            return 0;
+        }
+        std::array<char, PATH_MAX> link{};
+        const ssize_t length = readlink(target.c_str(), link.data(), link.size());
+        if (length < 0) {
+            return errno;
+        }
+        if (link[0] != '/') {
+            target.erase(target.rfind('/') + 1);
+        } else {
+            target.clear();
+        }
+        target.append(link.data(), static_cast<size_t>(length));
+    }
+    return ELOOP;
+}
+
+bool HasContent(int dir_fd, const std::string& name, const std::string& content) {
+    Descriptor file;
+    struct stat status {};
+    const int fd = openat(dir_fd, name.c_str(), O_RDONLY | O_NOFOLLOW | kSafeFlags);
+    if (AdoptRegular(fd, file, status) != 0 ||
+        static_cast<uint64_t>(status.st_size) != content.size()) {
+        return false;
+    }
+    size_t done = 0;
+    const int error = ReadPieces(file.Get(), content.size(), [&](const char* data, size_t length) {
+        const bool same = std::memcmp(content.data() + done, data, length) == 0;
+        done += length;
+        return same ? 0 : ECANCELED;
+    });
+    return error == 0 && done == content.size();
+}
+
+// The temporary file of one replacement; removed unless it took its target's place.
+class Replacement {
+public:
+    explicit Replacement(int dir_fd) : dir_fd_(dir_fd) {}
+    ~Replacement() {
+        if (!name_.empty()) {
+            unlinkat(dir_fd_, name_.c_str(), 0);
+        }
+    }
+    Replacement(const Replacement&) = delete;
+    Replacement& operator=(const Replacement&) = delete;
+
+    // ".NAME.XXXXXX": hidden and of another suffix, so that no one who collects files takes it.
+    int Create(const std::string& target, mode_t mode) {
+        constexpr char kLetters[] = "abcdefghijklmnopqrstuvwxyz234567";
+        constexpr int kMaxTries = 100;
+        constexpr size_t kRandomLength = 6;
+        for (int i = 0; i < kMaxTries; ++i) {
+            std::array<unsigned char, kRandomLength> random{};
+            if (getrandom(random.data(), random.size(), 0) != kRandomLength) {
+                return EIO;
+            }
+            std::string name = "." + target.substr(0, NAME_MAX - kRandomLength - 2) + ".";
+            for (const unsigned char byte : random) {
+                name += kLetters[byte % (sizeof kLetters - 1)];
+            }
+            const int flags = O_WRONLY | O_CREAT | O_EXCL | kSafeFlags;
+            const int error = file_.Reset(openat(dir_fd_, name.c_str(), flags, mode));
+            if (error == 0) {
+                name_ = name;
+                return 0;
+            }
+            if (error != EEXIST) {
+                return error;
+            }
+        }
+        return EEXIST;
+    }
+
+    int Commit(const std::string& target) {
+        if (fsync(file_.Get()) != 0 ||
+            renameat(dir_fd_, name_.c_str(), dir_fd_, target.c_str()) != 0) {
+            return errno;
+        }
+        name_.clear();
+        // Some file systems cannot flush a directory and say so with EINVAL.
+        return fsync(dir_fd_) == 0 || errno == EINVAL ? 0 : errno;
+    }
+
+    int Get() const { return file_.Get(); }
+
+private:
+    int dir_fd_;
+    std::string name_;
+    Descriptor file_;
+};
+
+int SetOwner(int fd, const struct stat& wanted) {
+    struct stat status {};
+    if (fstat(fd, &status) != 0) {
+        return errno;
+    }
+    if (status.st_uid == wanted.st_uid && status.st_gid == wanted.st_gid) {
+        return 0;
+    }
+    return fchown(fd, wanted.st_uid, wanted.st_gid) == 0 ? 0 : errno;
+}
+
+// `source` is whose permissions and owner a new file takes over, null for the usual ones.
+int ReplaceFile(const std::string& path, const std::string& content, const struct stat* source) {
+    struct stat status {};
+    int error = StatRegular(path, status);
+    if (error != 0 && error != ENOENT) {
+        return error;
+    }
+    std::string target;
+    if (error = ResolveLinks(path, target); error != 0) {
+        return error;
+    }
+    const size_t slash = target.rfind('/') + 1;
+    const std::string name = target.substr(slash);
+    if (name.empty()) {
+        return target.empty() ? ENOENT : EISDIR;
+    }
+    const std::string dir = slash == 0 ? "." : target.substr(0, slash);
+    Descriptor dir_file;
+    error = dir_file.Reset(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (error != 0) {
+        return error;
+    }
+    const bool exists = fstatat(dir_file.Get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+    if (!exists && errno != ENOENT) {
+        return errno;
+    }
+    if (exists) {
+        if (error = CheckRegular(status); error != 0) {
+            return error;
+        }
+        if (HasContent(dir_file.Get(), name, content)) {
+            return 0;
+        }
+    }
+
+    // Closed to others until it has the owner it is to have.
+    const bool inherits = exists || source != nullptr;
+    Replacement replacement(dir_file.Get());
+    error = replacement.Create(name, inherits ? S_IRUSR | S_IWUSR : kNewFileMode);
+    if (error == 0) {
+        error = WriteAll(replacement.Get(), content);
+    }
+    if (error == 0 && exists) {
+        error = SetOwner(replacement.Get(), status);
+    } else if (error == 0 && source != nullptr) {
+        SetOwner(replacement.Get(), *source);
+    }
+    if (error == 0 && inherits) {
+        const mode_t mode = exists ? status.st_mode & kAllModeBits : source->st_mode & kPermissions;
+        error = fchmod(replacement.Get(), mode) == 0 ? 0 : errno;
+    }
+    return error == 0 ? replacement.Commit(name) : error;
+}
+
+int AppendToFile(const std::string& path, const std::string& content) {
+    Descriptor file;
+    struct stat status {};
+    constexpr int kFlags = O_WRONLY | O_APPEND;
+    int error = OpenRegular(path, kFlags, file, status);
+    if (error == ENOENT) {
+        const int fd = open(path.c_str(), kFlags | O_CREAT | kSafeFlags, kNewFileMode);
+        error = AdoptRegular(fd, file, status);
+    }
+    if (error == 0) {
+        error = WriteAll(file.Get(), content);
+        if (error != 0 && ftruncate(file.Get(), status.st_size) != 0) {
+            return errno;
+        }
+    }
+    return error;
+}
+
+struct FreeDigest {
+    void operator()(EVP_MD_CTX* digest) const { EVP_MD_CTX_free(digest); }
+};
+
+}  // namespace
+
+int ReadFile(const std::string& path, std::string& content, size_t limit) {
+    struct stat status {};
+    return ReadFileAndStatus(path, content, limit, status);
+}
+
+int WriteFile(const std::string& path, const std::string& content, bool append) {
+    return append ? AppendToFile(path, content) : ReplaceFile(path, content, nullptr);
+}
+
+int SafeCopyFile(const std::string& source, const std::string& destination, size_t limit) {
+    std::string content;
+    struct stat status {};
+    const int error = ReadFileAndStatus(source, content, limit, status);
+    return error == 0 ? ReplaceFile(destination, content, &status) : error;
+}
+
+int GetFileSha256(const std::string& path, std::string& hash, size_t limit) {
+    Descriptor file;
+    struct stat status {};
+    if (const int error = OpenRegular(path, O_RDONLY, file, status); error != 0) {
+        return error;
+    }
+    if (static_cast<uint64_t>(status.st_size) > limit) {
+        return EFBIG;
+    }
+    const std::unique_ptr<EVP_MD_CTX, FreeDigest> digest(EVP_MD_CTX_new());
+    if (!digest || EVP_DigestInit_ex(digest.get(), EVP_sha256(), nullptr) != 1) {
+        return EIO;
+    }
+    const int error = ReadPieces(file.Get(), limit, [&](const char* data, size_t length) {
+        return EVP_DigestUpdate(digest.get(), data, length) == 1 ? 0 : EIO;
+    });
+    if (error != 0) {
+        return error;
+    }
+    std::array<unsigned char, EVP_MAX_MD_SIZE> bytes{};
+    unsigned int length = 0;
+    if (EVP_DigestFinal_ex(digest.get(), bytes.data(), &length) != 1) {
+        return EIO;
+    }
+    constexpr char kDigits[] = "0123456789abcdef";
+    std::string text;
+    for (unsigned int i = 0; i < length; ++i) {
+        text += kDigits[bytes[i] >> 4U];
+        text += kDigits[bytes[i] & 0xFU];
+    }
+    hash.swap(text);
+    return 0;
+}
+
+int GetFileSize(const std::string& path, uint64_t& size) {
+    struct stat status {};
+    const int error = StatRegular(path, status);
+    if (error == 0) {
+        size = static_cast<uint64_t>(status.st_size);
+    }
+    return error;
+}
+
+bool IsFile(const std::string& path) {
+    struct stat status {};
+    return StatRegular(path, status) == 0;
+}
+
+}  // namespace SDK::FileUtils

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+// Bounded access to regular files, safe on paths that other users control. Every operation follows
+// symbolic links, may be called from any thread, never blocks on a FIFO or a device and never
+// throws (std::bad_alloc apart). Results are 0 or the errno value of what failed:
+//   EISDIR  the path names a directory
+//   EINVAL  it names a FIFO, a socket or a device, or it holds a zero byte
+//   EFBIG   the file holds more than `limit` bytes
+// and otherwise what the system call reported (ENOENT, EACCES, ELOOP, ENOSPC, ...).
+namespace SDK::FileUtils {
+
+// Reads the whole file, at most `limit` bytes (exactly `limit` is fine), also when it grows while
+// it is read; one that shrinks gives what was there. `content` is unchanged on failure.
+int ReadFile(const std::string& path, std::string& content, size_t limit);
+
+// append=false replaces the content: a crash leaves the old file or the new one, whole and on disk,
+// and a failure leaves the old one. Mode and owner of an existing file are kept, a new one gets
+// 0644 less the umask; hard links and extended attributes stay with the old file. A symbolic link
+// stays one, its target is replaced or created. Content that is there already is not written again.
+// append=true adds to the end, all of `content` or nothing of it (an absent file may be left
+// empty); it does not wait for the disk, and takes one writer at a time.
+int WriteFile(const std::string& path, const std::string& content, bool append);
+
+// Replaces `destination` with the content of `source` (at most `limit` bytes) as WriteFile does. A
+// new destination gets the permissions of the source, never set-id bits, and its owner where
+// allowed.
+int SafeCopyFile(const std::string& source, const std::string& destination, size_t limit);
+
+// `hash` becomes 64 lower-case hexadecimal digits; it is unchanged on failure. The memory used does
+// not depend on the size of the file. EIO also when the digest is not available.
+int GetFileSha256(const std::string& path, std::string& hash, size_t limit);
+
+// The size in bytes as the file system tells it (0 for files of /proc); `size` is unchanged on
+// failure.
+int GetFileSize(const std::string& path, uint64_t& size);
+
+// Whether the path leads to a regular file; false also when that cannot be told.
+bool IsFile(const std::string& path);
+
+}  // namespace SDK::FileUtils

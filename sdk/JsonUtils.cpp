@@ -1,0 +1,233 @@
+#include "sdk/JsonUtils.h"
+
+#include <json/reader.h>
+#include <json/writer.h>
+
+#include <cerrno>
+#include <cstring>
+#include <exception>
+#include <memory>
+#include <new>
+#include <string_view>
+
+#include "sdk/StringUtils.h"
+
+namespace SDK::JsonUtils {
+namespace {
+
+constexpr size_t kMaxDepth = 1000;
+
+bool IsDigit(char c) {
+    return c >= '0' && c <= '9';
+}
+
+// Moves `at` behind the digits there; false when there are none.
+bool SkipDigits(std::string_view text, size_t& at) {
+    const size_t start = at;
+    while (at < text.size() && IsDigit(text[at])) {
+        ++at;
+    }
+    return at > start;
+}
+
+// Moves `at` behind the number there; false when it is not one of JSON's.
+bool SkipNumber(std::string_view text, size_t& at) {
+    const auto is = [&](const char* any) {
+        return at < text.size() && text[at] != '\0' && std::strchr(any, text[at]) != nullptr;
+    };
+    if (is("-")) {
+        ++at;
+    }
+    const size_t first = at;
+    if (!SkipDigits(text, at) || (text[first] == '0' && at - first > 1)) {
+        return false;
+    }
+    if (is(".") && !SkipDigits(text, ++at)) {
+        return false;
+    }
+    if (is("eE")) {
+        ++at;
+        if (is("+-")) {
+            ++at;
+        }
+        return SkipDigits(text, at);
+    }
+    return true;
+}
+
+// Moves `at` behind the string there (escapes are left to the parser); false when it holds a
+// control character or does not end.
+bool SkipString(std::string_view text, size_t& at) {
+    for (++at; at < text.size(); ++at) {
+        if (static_cast<unsigned char>(text[at]) < 0x20) {
+            return false;
+        }
+        if (text[at] == '"') {
+            ++at;
+            return true;
+        }
+        if (text[at] == '\\') {
+            ++at;
+        }
+    }
+    return false;
+}
+
+// Refuses what jsoncpp lets pass even when told to be strict: "01", "1.", "+1", a lone "-", bare
+// control characters, comments behind an element; and too many levels before any of them costs
+// stack.
+bool IsAcceptable(std::string_view text) {
+    constexpr std::string_view kOutsideStrings = "{}[],: \t\r\ntruefalsenull";
+    size_t depth = 0;
+    for (size_t at = 0; at < text.size();) {
+        const char c = text[at];
+        if (c == '"') {
+            if (!SkipString(text, at)) {
+                return false;
+            }
+            continue;
+        }
+        if (IsDigit(c) || c == '-' || c == '+') {
+            if (!SkipNumber(text, at)) {
+                return false;
+            }
+            continue;
+        }
+        if (c == '[' || c == '{') {
+            if (++depth > kMaxDepth) {
+                return false;
+            }
+        } else if (c == ']' || c == '}') {
+            if (depth-- == 0) {
+                return false;
+            }
+        } else if (kOutsideStrings.find(c) == std::string_view::npos) {
+            return false;
+        }
+        ++at;
+    }
+    return true;
+}
+
+Json::CharReaderBuilder MakeReaderBuilder() {
+    Json::CharReaderBuilder builder;
+    Json::CharReaderBuilder::strictMode(&builder.settings_);
+    // Room for the array put around the text and a scalar in the innermost level.
+    builder["stackLimit"] = static_cast<Json::UInt>(kMaxDepth + 2);
+    return builder;
+}
+
+Json::StreamWriterBuilder MakeWriterBuilder() {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    builder["commentStyle"] = "None";
+    return builder;
+}
+
+const Json::Value* FindMember(const Json::Value& value, const std::string& key) {
+    return value.isObject() ? value.find(key.data(), key.data() + key.size()) : nullptr;
+}
+
+bool CopyMember(const Json::Value& value, const std::string& key, Json::ValueType kind,
+                Json::Value& out) {
+    const Json::Value* member = FindMember(value, key);
+    if (member == nullptr || member->type() != kind) {
+        return false;
+    }
+    Json::Value copy(*member);
+    out.swap(copy);
+    return true;
+}
+
+// A copy in which every string and key is valid UTF-8: jsoncpp's writer takes the bytes behind a
+// truncated sequence for a part of it and drops them.
+Json::Value ToValidUtf8(const Json::Value& value) {
+    switch (value.type()) {
+        case Json::stringValue:
+            return {StringUtils::ToUtf8(value.asString())};
+        case Json::arrayValue: {
+            Json::Value copy(Json::arrayValue);
+            for (const Json::Value& element : value) {
+                copy.append(ToValidUtf8(element));
+            }
+            return copy;
+        }
+        case Json::objectValue: {
+            Json::Value copy(Json::objectValue);
+            for (auto member = value.begin(); member != value.end(); ++member) {
+                copy[StringUtils::ToUtf8(member.name())] = ToValidUtf8(*member);
+            }
+            return copy;
+        }
+        default:
+            return value;
+    }
+}
+
+}  // namespace
+
+int ParseJsonStr(const char* text, size_t length, Json::Value& out) {
+    if (text == nullptr) {
+        return EINVAL;
+    }
+    constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+    std::string_view json(text, length);
+    if (json.substr(0, kByteOrderMark.size()) == kByteOrderMark) {
+        json.remove_prefix(kByteOrderMark.size());
+    }
+    if (!IsAcceptable(json)) {
+        return EINVAL;
+    }
+    try {
+        // As the only element of an array the text may be of any kind while jsoncpp still insists
+        // on an array or object at the root; without that it would overlook garbage behind the
+        // value.
+        std::string wrapped;
+        wrapped.reserve(json.size() + 2);
+        wrapped.append(1, '[').append(json).append(1, ']');
+        static const Json::CharReaderBuilder kBuilder = MakeReaderBuilder();
+        const std::unique_ptr<Json::CharReader> reader(kBuilder.newCharReader());
+        Json::Value root;
+        if (!reader->parse(wrapped.data(), wrapped.data() + wrapped.size(), &root, nullptr) ||
+            root.size() != 1) {
+            return EINVAL;
+        }
+        out.swap(root[0]);
+        return 0;
+    } catch (const std::bad_alloc&) {
+        return ENOMEM;
+    } catch (const std::exception&) {
+        return EINVAL;
+    }
+}
+
+std::string GetStringValue(const Json::Value& value, const std::string& key,
+                           const std::string& def) {
+    const Json::Value* member = FindMember(value, key);
+    return member != nullptr && member->isString() ? member->asString() : def;
+}
+
+bool GetBoolValue(const Json::Value& value, const std::string& key, bool def) {
+    const Json::Value* member = FindMember(value, key);
+    return member != nullptr && member->isBool() ? member->asBool() : def;
+}
+
+int32_t GetIntValue(const Json::Value& value, const std::string& key, int32_t def) {
+    const Json::Value* member = FindMember(value, key);
+    return member != nullptr && member->isInt() ? member->asInt() : def;
+}
+
+bool GetArrayValue(const Json::Value& value, const std::string& key, Json::Value& out) {
+    return CopyMember(value, key, Json::arrayValue, out);
+}
+
+bool GetSubobjectValue(const Json::Value& value, const std::string& key, Json::Value& out) {
+    return CopyMember(value, key, Json::objectValue, out);
+}
+
+std::string JsonToString(const Json::Value& value) {
+    static const Json::StreamWriterBuilder kBuilder = MakeWriterBuilder();
+    return Json::writeString(kBuilder, ToValidUtf8(value));
+}
+
+}  // namespace SDK::JsonUtils

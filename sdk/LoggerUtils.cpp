@@ -1,0 +1,125 @@
+#include "sdk/LoggerUtils.h"
+
+#include <Poco/AutoPtr.h>
+#include <Poco/Error.h>
+#include <Poco/Exception.h>
+#include <Poco/FileChannel.h>
+#include <Poco/FormattingChannel.h>
+#include <Poco/Message.h>
+#include <Poco/PatternFormatter.h>
+
+#include <cstddef>
+
+#include "sdk/FileUtils.h"
+#include "sdk/StringUtils.h"
+
+namespace SDK {
+namespace {
+
+constexpr char kLogName[] = "watchpost.log";
+constexpr char kPattern[] = "%L%Y-%m-%d %H:%M:%S.%i [%p] %s %U:%u %t";
+
+void AppendEscaped(std::string& line, char c) {
+    constexpr char kDigits[] = "0123456789ABCDEF";
+    if (c == '\n') {
+        line += "\\n";
+    } else if (c == '\r') {
+        line += "\\r";
+    } else {
+        const auto byte = static_cast<unsigned char>(c);
+        line += "\\x";
+        line += kDigits[byte >> 4U];
+        line += kDigits[byte & 0xFU];
+    }
+}
+
+// Whether the well-formed character `c` (its UTF-8 bytes) may end a line or steer a terminal: the
+// ASCII controls but the tab, U+0080..U+009F, and the line and paragraph separators.
+bool IsUnsafe(const std::string& text, size_t offset, size_t length) {
+    const auto byte = static_cast<unsigned char>(text[offset]);
+    if (length == 1) {
+        return (byte < 0x20 && byte != '\t') || byte == 0x7F;
+    }
+    if (length == 2) {
+        return byte == 0xC2 && static_cast<unsigned char>(text[offset + 1]) < 0xA0;
+    }
+    return text.compare(offset, length, "\u2028") == 0 ||
+           text.compare(offset, length, "\u2029") == 0;
+}
+
+// Makes one printable line of every message: texts come partly from files of hostile users, who
+// must not be able to write log lines of their own.
+class LineFormatter : public Poco::PatternFormatter {
+public:
+    LineFormatter() : Poco::PatternFormatter(kPattern) {}
+
+    void format(const Poco::Message& message, std::string& text) override {
+        std::string raw;
+        Poco::PatternFormatter::format(message, raw);
+        text.reserve(text.size() + raw.size());
+        for (size_t offset = 0; offset < raw.size();) {
+            size_t bad = 0;
+            const size_t length = StringUtils::GetUtf8Length(raw, offset, bad);
+            if (length > 0 && !IsUnsafe(raw, offset, length)) {
+                text.append(raw, offset, length);
+                offset += length;
+                continue;
+            }
+            for (size_t end = offset + (length > 0 ? length : bad); offset < end; ++offset) {
+                AppendEscaped(text, raw[offset]);
+            }
+        }
+    }
+
+protected:
+    ~LineFormatter() override = default;
+};
+
+}  // namespace
+
+LoggerUtils* LoggerUtils::GetInstance() {
+    // Never destroyed: other threads may still log while the process exits.
+    static auto* const kInstance = new LoggerUtils;
+    return kInstance;
+}
+
+void LoggerUtils::Open(const std::string& log_dir, const std::string& level) {
+    const int level_number = Poco::Logger::parseLevel(level);
+    const std::string path = log_dir + "/" + kLogName;
+    // Opening it here first gives a reason to report and keeps Poco from blocking on a FIFO.
+    const int error = FileUtils::WriteFile(path, "", true);
+    if (error != 0) {
+        throw Poco::OpenFileException("log file " + path + ": " + Poco::Error::getMessage(error),
+                                      error);
+    }
+    Poco::AutoPtr<Poco::FileChannel> file(new Poco::FileChannel(path));
+    file->setProperty("rotation", "10 M");
+    file->setProperty("archive", "number");
+    file->setProperty("purgeCount", "5");
+    file->open();
+    const Poco::AutoPtr<LineFormatter> formatter(new LineFormatter);
+    const Poco::AutoPtr<Poco::FormattingChannel> channel(
+        new Poco::FormattingChannel(formatter, file));
+
+    const std::lock_guard<std::mutex> lock(mutex_);
+    log_dir_ = log_dir;
+    // By name this reaches the loggers made already, which hold copies of the root's settings, and
+    // only those: the root has to be among them for the later ones to inherit from it.
+    Poco::Logger::root();
+    Poco::Logger::setChannel("", channel);
+    Poco::Logger::setLevel("", level_number);
+}
+
+std::string LoggerUtils::GetLogPath() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return log_dir_;
+}
+
+Poco::Logger* LoggerUtils::GetModuleLogger(const std::string& name, bool must_exist) {
+    if (must_exist && Poco::Logger::has(name).isNull()) {
+        return nullptr;
+    }
+    return &Poco::Logger::get(name);
+}
+
+}  // namespace SDK

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <Poco/Logger.h>
+
+#include <mutex>
+#include <string>
+
+namespace SDK {
+
+// The agent's log file and the loggers that write to it. All operations from any thread.
+class LoggerUtils {
+public:
+    // Never null; lives until the process ends.
+    static LoggerUtils* GetInstance();
+
+    LoggerUtils(const LoggerUtils&) = delete;
+    LoggerUtils& operator=(const LoggerUtils&) = delete;
+
+    // Sends every logger, those that exist included, to LOG_DIR/watchpost.log at `level` (a level
+    // name of Poco or its number). Each message is one line whatever its text: control characters
+    // and bytes that are not UTF-8 are written as \n, \r or \xNN, only tabs are kept. At 10 MiB the
+    // file is renamed, five old ones are kept. Throws Poco::InvalidArgumentException for the level
+    // and Poco::OpenFileException naming the path for the file, with the loggers as they were. The
+    // directory must exist.
+    void Open(const std::string& log_dir, const std::string& level);
+
+    // The directory as given to Open, before that the installed default.
+    std::string GetLogPath() const;
+
+    // The logger of that name, made on demand; null when `must_exist` is set and nobody made it
+    // before. Owned by Poco, valid until Poco::Logger::shutdown.
+    Poco::Logger* GetModuleLogger(const std::string& name, bool must_exist);
+
+private:
+    LoggerUtils() = default;
+    ~LoggerUtils() = default;
+
+    mutable std::mutex mutex_;
+    std::string log_dir_ = "/usr/local/watchpost/log";
+};
+
+}  // namespace SDK

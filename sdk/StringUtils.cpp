@@ -1,0 +1,75 @@
+#include "sdk/StringUtils.h"
+
+namespace SDK::StringUtils {
+namespace {
+
+constexpr char kReplacement[] = "\xEF\xBF\xBD";
+
+// What may follow a lead byte: `length` bytes in all, the second within [low, high], the others
+// within [0x80, 0xBF]. The narrowed second bytes keep out overlong forms, surrogates and what is
+// beyond U+10FFFF.
+struct Lead {
+    size_t length;
+    unsigned char low;
+    unsigned char high;
+};
+
+Lead DescribeLead(unsigned char byte) {
+    if (byte < 0x80) {
+        return {1, 0, 0};
+    }
+    if (byte >= 0xC2 && byte <= 0xDF) {
+        return {2, 0x80, 0xBF};
+    }
+    if (byte >= 0xE0 && byte <= 0xEF) {
+        return {3, static_cast<unsigned char>(byte == 0xE0 ? 0xA0 : 0x80),
+                static_cast<unsigned char>(byte == 0xED ? 0x9F : 0xBF)};
+    }
+    if (byte >= 0xF0 && byte <= 0xF4) {
+        return {4, static_cast<unsigned char>(byte == 0xF0 ? 0x90 : 0x80),
+                static_cast<unsigned char>(byte == 0xF4 ? 0x8F : 0xBF)};
+    }
+    return {0, 0, 0};
+}
+
+}  // namespace
+
+size_t GetUtf8Length(const std::string& bytes, size_t offset, size_t& bad) {
+    bad = 1;
+    if (offset >= bytes.size()) {
+        return 0;
+    }
+    const Lead lead = DescribeLead(static_cast<unsigned char>(bytes[offset]));
+    for (size_t i = 1; i < lead.length; ++i) {
+        const unsigned char low = i == 1 ? lead.low : 0x80;
+        const unsigned char high = i == 1 ? lead.high : 0xBF;
+        if (offset + i >= bytes.size()) {
+            return 0;
+        }
+        const auto byte = static_cast<unsigned char>(bytes[offset + i]);
+        if (byte < low || byte > high) {
+            return 0;
+        }
+        bad = i + 1;
+    }
+    return lead.length;
+}
+
+std::string ToUtf8(const std::string& bytes) {
+    std::string text;
+    text.reserve(bytes.size());
+    for (size_t offset = 0; offset < bytes.size();) {
+        size_t bad = 0;
+        const size_t length = GetUtf8Length(bytes, offset, bad);
+        if (length > 0) {
+            text.append(bytes, offset, length);
+            offset += length;
+        } else {
+            text += kReplacement;
+            offset += bad;
+        }
+    }
+    return text;
+}
+
+}  // namespace SDK::StringUtils
