@@ -1,0 +1,167 @@
+#include "framework/Engine.h"
+
+#include <Poco/DirectoryIterator.h>
+#include <Poco/Exception.h>
+#include <Poco/Path.h>
+#include <Poco/SharedLibrary.h>
+
+#include <exception>
+#include <utility>
+
+#include "framework/Log.h"
+
+namespace Framework {
+
+namespace {
+
+// Runs `step`; an exception becomes an error line that starts with `what`.
+template <typename Step>
+bool Try(const std::string& what, Step step) {
+    try {
+        step();
+        return true;
+    } catch (const Poco::Exception& e) {
+        Log().error(what + ": " + e.displayText());
+    } catch (const std::exception& e) {
+        Log().error(what + ": " + e.what());
+    } catch (...) {
+        Log().error(what + ": unknown exception");
+    }
+    return false;
+}
+
+}  // namespace
+
+Engine::~Engine() {
+    StopModules();
+    while (!tasks_.empty()) {
+        StopTask(std::string(tasks_.begin()->first));
+    }
+}
+
+Engine& Engine::Instance() {
+    return static_cast<Engine&>(Poco::Util::Application::instance());
+}
+
+Poco::AutoPtr<Task> Engine::FindTask(const std::string& name) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = tasks_.find(name);
+    return found == tasks_.end() ? Poco::AutoPtr<Task>() : found->second->task;
+}
+
+bool Engine::StartTask(Poco::AutoPtr<Task> task) {
+    const std::string name = task->name();
+    auto running = std::make_unique<RunningTask>();
+    running->task = task;
+    running->thread.setName(name);
+    Poco::Thread& thread = running->thread;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (!tasks_.emplace(name, std::move(running)).second) {
+            Log().error("task " + name + " not started: one of that name runs already");
+            return false;
+        }
+    }
+    thread.start(*task);
+    if (task->WaitForInit()) {
+        return true;
+    }
+    Log().error("task " + name + " not started: its Init failed");
+    StopTask(name);
+    return false;
+}
+
+void Engine::RequestStop(const std::string& name) {
+    if (Poco::AutoPtr<Task> task = FindTask(name)) {
+        task->RequestStop();
+    }
+}
+
+void Engine::StopTask(const std::string& name) {
+    RequestStop(name);
+    RunningTask* running = nullptr;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        const auto found = tasks_.find(name);
+        if (found == tasks_.end()) {
+            return;
+        }
+        running = found->second.get();
+    }
+    // Joined before it leaves the map: what the task does on its way out can still find others,
+    // and others it.
+    running->thread.join();
+    std::unique_ptr<RunningTask> ended;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = tasks_.find(name);
+    ended = std::move(found->second);
+    tasks_.erase(found);
+}
+
+void Engine::ReportUnknownReceiver(const std::string& name) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (unknown_receivers_.insert(name).second) {
+        Log().error("messages for the task " + name + " are dropped: it does not run");
+    }
+}
+
+void Engine::LoadModules(const std::string& directory) {
+    std::set<std::string> paths;
+    for (Poco::DirectoryIterator entry(directory), end; entry != end; ++entry) {
+        if (entry.path().getExtension() == "so") {
+            paths.insert(entry.path().toString());
+        }
+    }
+    for (const auto& path : paths) {
+        LoadModule(path);
+    }
+}
+
+void Engine::LoadModule(const std::string& path) {
+    // Destroying a Poco::SharedLibrary leaves the library mapped: code of a module may run until
+    // the process ends.
+    const std::size_t before = modules_.size();
+    const bool loaded = Try("module " + path + " not loaded", [&] {
+        Poco::SharedLibrary library;
+        library.load(path, Poco::SharedLibrary::SHLIB_LOCAL);
+        auto* const create = reinterpret_cast<void* (*)()>(library.getSymbol("CreateModule"));
+        Poco::AutoPtr<Module> module(static_cast<Module*>(create()));
+        if (!module) {
+            throw Poco::NullPointerException("CreateModule returned no module");
+        }
+        modules_.push_back(module);
+        if (const int status = module->Init(); status != 0) {
+            throw Poco::RuntimeException("Init returned " + std::to_string(status));
+        }
+    });
+    if (loaded) {
+        Log().information("module " + path + " loaded");
+    } else if (modules_.size() > before) {
+        // What its Init had started does not outlive the module. Not its own UnInit: it was never
+        // initialised.
+        modules_.back()->Module::UnInit();
+        modules_.pop_back();
+    }
+}
+
+void Engine::DeliverPolicy(const std::string& type, const std::string& key,
+                           const std::string& text) {
+    for (auto& module : modules_) {
+        Try("policy " + key + " not taken by module " + module->name(),
+            [&] { module->DeliverPolicy(type, key, text); });
+    }
+}
+
+void Engine::StopModules() {
+    for (auto& module : modules_) {
+        module->RequestStop();
+    }
+    // In reverse order of loading: a module may use those before it.
+    for (auto module = modules_.rbegin(); module != modules_.rend(); ++module) {
+        Try(std::string("module ") + (*module)->name() + " did not stop in order",
+            [&] { (*module)->UnInit(); });
+    }
+    modules_.clear();
+}
+
+}  // namespace Framework

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <Poco/AutoPtr.h>
+#include <Poco/Thread.h>
+#include <Poco/Util/ServerApplication.h>
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "framework/Module.h"
+#include "framework/Task.h"
+
+namespace Framework {
+
+// The application: loads modules, delivers policy documents to them, and runs tasks. One object a
+// process, made before anything else of the framework is used.
+class Engine : public Poco::Util::ServerApplication {
+public:
+    // Stops what still runs.
+    ~Engine() override;
+
+    // The process's engine. Raises Poco's null-pointer bug check when no application exists.
+    static Engine& Instance();
+
+    // The running task of that name, or null. The pointer keeps the object alive, not running.
+    // Any thread.
+    Poco::AutoPtr<Task> FindTask(const std::string& name);
+
+    // Gives the task its thread and waits for its Init. False, with an error line, when Init
+    // fails or a task of that name runs already; the task is then gone.
+    bool StartTask(Poco::AutoPtr<Task> task);
+    // Asks the task to stop; returns at once. Unknown names are ignored.
+    void RequestStop(const std::string& name);
+    // Stops the task and waits until it has ended. Not to be called on a task's thread.
+    void StopTask(const std::string& name);
+
+    // Logs an error line, the first time for each name. Any thread.
+    void ReportUnknownReceiver(const std::string& name);
+
+    // Loads every *.so of `directory` in name order and initialises its module. What cannot be
+    // loaded is an error line and the rest go on. Throws Poco::Exception when the directory
+    // cannot be read.
+    void LoadModules(const std::string& directory);
+    // Hands a document to each module with a callback for `type`; one thread at a time.
+    void DeliverPolicy(const std::string& type, const std::string& key, const std::string& text);
+    // Ends the tasks of all modules together, then the modules one by one.
+    void StopModules();
+
+private:
+    struct RunningTask {
+        Poco::AutoPtr<Task> task;
+        Poco::Thread thread;
+    };
+
+    void LoadModule(const std::string& path);
+
+    std::vector<Poco::AutoPtr<Module>> modules_;
+    std::mutex mutex_;  // guards the two below
+    std::map<std::string, std::unique_ptr<RunningTask>> tasks_;
+    std::set<std::string> unknown_receivers_;
+};
+
+}  // namespace Framework

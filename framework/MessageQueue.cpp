@@ -1,0 +1,61 @@
+#include "framework/MessageQueue.h"
+
+namespace Framework {
+
+EnqueueResult MessageQueue::Push(const std::shared_ptr<Message>& message,
+                                 std::chrono::milliseconds patience) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    room_.wait_for(lock, patience, [this] { return closed_ || messages_.size() < capacity_; });
+    if (closed_) {
+        return EnqueueResult::kClosed;
+    }
+    if (messages_.size() >= capacity_) {
+        return EnqueueResult::kFull;
+    }
+    messages_.push_back(message);
+    ready_.notify_one();
+    return EnqueueResult::kQueued;
+}
+
+EnqueueResult MessageQueue::PushOverCapacity(const std::shared_ptr<Message>& message) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (closed_) {
+        return EnqueueResult::kClosed;
+    }
+    messages_.push_back(message);
+    ready_.notify_one();
+    return EnqueueResult::kQueued;
+}
+
+std::shared_ptr<Message> MessageQueue::Pop(Clock::time_point deadline) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    const auto due = [this] { return awake_ || closed_ || !messages_.empty(); };
+    // wait_until would overflow on some clocks' far end: "no deadline" waits without one.
+    if (deadline == Clock::time_point::max()) {
+        ready_.wait(lock, due);
+    } else {
+        ready_.wait_until(lock, deadline, due);
+    }
+    if (messages_.empty() || (awake_ && !closed_)) {
+        return nullptr;
+    }
+    std::shared_ptr<Message> message = std::move(messages_.front());
+    messages_.pop_front();
+    room_.notify_one();
+    return message;
+}
+
+void MessageQueue::Wake() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    awake_ = true;
+    ready_.notify_all();
+}
+
+void MessageQueue::Close() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    closed_ = true;
+    ready_.notify_all();
+    room_.notify_all();
+}
+
+}  // namespace Framework

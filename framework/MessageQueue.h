@@ -1,0 +1,49 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <deque>
+#include <memory>
+#include <mutex>
+
+#include "framework/Message.h"
+
+namespace Framework {
+
+// What became of a message offered to a queue.
+enum class EnqueueResult { kQueued, kFull, kClosed };
+
+// Bounded first-in, first-out queue of one task. Any thread may push; the task's thread pops.
+class MessageQueue {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    explicit MessageQueue(std::size_t capacity) : capacity_(capacity) {}
+
+    // Waits up to `patience` for room.
+    EnqueueResult Push(const std::shared_ptr<Message>& message, std::chrono::milliseconds patience);
+
+    // Queues even above the capacity; only a closed queue refuses.
+    EnqueueResult PushOverCapacity(const std::shared_ptr<Message>& message);
+
+    // The next message; null once `deadline` has passed, after Wake, or when closed and empty.
+    std::shared_ptr<Message> Pop(Clock::time_point deadline);
+
+    // Makes this and every later Pop return at once. Messages stay queued.
+    void Wake();
+
+    // Refuses all further messages. What is queued can still be popped.
+    void Close();
+
+private:
+    std::mutex mutex_;
+    std::condition_variable room_;
+    std::condition_variable ready_;
+    std::deque<std::shared_ptr<Message>> messages_;
+    const std::size_t capacity_;
+    bool awake_ = false;
+    bool closed_ = false;
+};
+
+}  // namespace Framework

@@ -1,0 +1,146 @@
+#include "framework/Task.h"
+
+#include <Poco/Exception.h>
+#include <pthread.h>
+
+#include <csignal>
+#include <exception>
+
+#include "framework/Engine.h"
+#include "framework/Log.h"
+
+namespace Framework {
+
+namespace {
+
+// How long a sender waits for room before it looks whether it is being stopped.
+constexpr std::chrono::milliseconds kPatience{50};
+
+}  // namespace
+
+Task::Task(const std::string& name, const std::string& feature, TaskCondition::TaskType type,
+           std::size_t queue_capacity)
+    : Poco::Task(name), feature_(feature), type_(type), queue_(queue_capacity) {}
+
+template <typename Step>
+int Task::Guarded(const char* what, int otherwise, Step step) {
+    try {
+        return step();
+    } catch (const Poco::Exception& e) {
+        Log().error("task " + name() + ": " + what + " failed: " + e.displayText());
+    } catch (const std::exception& e) {
+        Log().error("task " + name() + ": " + what + " failed: " + e.what());
+    } catch (...) {
+        Log().error("task " + name() + ": " + what + " failed");
+    }
+    return otherwise;
+}
+
+void Task::runTask() {
+    using Clock = MessageQueue::Clock;
+
+    // Poco blocks SIGPIPE in its threads; commands that the task starts would inherit that.
+    sigset_t pipe_signal;
+    sigemptyset(&pipe_signal);
+    sigaddset(&pipe_signal, SIGPIPE);
+    pthread_sigmask(SIG_UNBLOCK, &pipe_signal, nullptr);
+
+    initialised_ = Guarded("Init", 0, [this] { return Init(); }) != 0;
+    const bool run = initialised_;
+    init_done_.set();
+    if (!run) {
+        queue_.Close();
+        return;
+    }
+
+    Clock::time_point next = period_.count() > 0 ? Clock::now() : Clock::time_point::max();
+    while (!isCancelled()) {
+        if (Clock::now() < next) {
+            HandleNext(next);
+            continue;
+        }
+        Guarded("Run", 0, [this] { return Run(); });
+        // A cycle longer than the period skips the runs it missed.
+        const Clock::time_point now = Clock::now();
+        next += period_ * ((now - next) / period_ + 1);
+    }
+
+    queue_.Close();
+    while (HandleNext(Clock::now())) {
+    }
+    Guarded("UnInit", 0, [this] {
+        UnInit();
+        return 0;
+    });
+}
+
+bool Task::HandleNext(MessageQueue::Clock::time_point deadline) {
+    const std::shared_ptr<Message> message = queue_.Pop(deadline);
+    if (message != nullptr) {
+        Guarded("HandleMsg", 0, [this, &message] {
+            HandleMsg(message.get());
+            return 0;
+        });
+    }
+    return message != nullptr;
+}
+
+int Task::Init() {
+    return 1;
+}
+
+void Task::UnInit() {}
+
+int Task::Run() {
+    return 0;
+}
+
+EnqueueResult Task::EnqueueMsg(std::shared_ptr<Message>& message) {
+    return queue_.Push(message, kPatience);
+}
+
+bool Task::InterceptMsg(std::shared_ptr<Message>& /*message*/) {
+    return false;
+}
+
+void Task::HandleMsg(const Message* /*message*/) {}
+
+void Task::Attach(FeaturePolicy* feature_policy, const TaskPolicy& task_policy) {
+    feature_policy_ = feature_policy;
+    period_ = std::chrono::seconds(task_policy.Condition().value);
+}
+
+bool Task::WaitForInit() {
+    init_done_.wait();
+    return initialised_;
+}
+
+void Task::RequestStop() {
+    cancel();
+    queue_.Wake();
+}
+
+void Task::SendDirectMsg(const std::string& receiver, std::shared_ptr<Message> message) {
+    Engine& engine = Engine::Instance();
+    Poco::AutoPtr<Task> task = engine.FindTask(receiver);
+    if (!task) {
+        engine.ReportUnknownReceiver(receiver);
+        return;
+    }
+    message->sender_ = name();
+    if (task->InterceptMsg(message)) {
+        return;
+    }
+    EnqueueResult result = task->EnqueueMsg(message);
+    while (result == EnqueueResult::kFull && !isCancelled()) {
+        result = task->EnqueueMsg(message);
+    }
+    if (result == EnqueueResult::kFull) {
+        result = task->queue_.PushOverCapacity(message);
+    }
+    if (result == EnqueueResult::kClosed) {
+        engine.ReportUnknownReceiver(receiver);
+    }
+}
+
+}  // namespace Framework
