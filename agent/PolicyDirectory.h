@@ -1,0 +1,41 @@
+#pragma once
+
+#include <Poco/DirectoryWatcher.h>
+#include <Poco/Event.h>
+#include <Poco/Thread.h>
+
+#include <atomic>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+
+// The policy files of a directory. On a thread of its own, the policy thread, every `*.json` is
+// delivered once in name order, and again whenever its content has changed or it has reappeared.
+// A removed file is forgotten, nothing else. A writer that does not rename its file into place is
+// given time to finish: the directory must have been quiet for a moment.
+class PolicyDirectory {
+public:
+    // Called on the policy thread with the file's name and its whole content.
+    using Deliver = std::function<void(const std::string& name, const std::string& content)>;
+
+    // Throws Poco::Exception when the directory cannot be watched.
+    PolicyDirectory(const std::string& path, Deliver deliver);
+    // Ends the policy thread; a delivery in progress is finished first.
+    ~PolicyDirectory();
+
+private:
+    void OnEvent(const Poco::DirectoryWatcher::DirectoryEvent& event);
+    void Run();
+    void WaitUntilQuiet();
+    void Scan();
+
+    const std::string path_;
+    const Deliver deliver_;
+    // What was last delivered, or why the file could not be read, by file name.
+    std::map<std::string, std::string> seen_;
+    Poco::Event changed_{true};
+    std::atomic<bool> stopping_{false};
+    std::unique_ptr<Poco::DirectoryWatcher> watcher_;
+    Poco::Thread thread_;
+};

@@ -1,0 +1,108 @@
+#include "agent/ReportTask.h"
+
+#include <Poco/DateTimeFormatter.h>
+#include <Poco/Environment.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "framework/Log.h"
+#include "sdk/JsonUtils.h"
+
+namespace {
+
+constexpr std::size_t kQueueCapacity = 1024;
+constexpr long kRetryMs = 1000;
+
+}  // namespace
+
+std::string FormatReport(const Framework::DataMessage& message, const std::string& host) {
+    const auto quoted = [](const std::string& text) {
+        return SDK::JsonUtils::JsonToString(Json::Value(text));
+    };
+    const std::string& text = message.Content();
+    Json::Value content;
+    if (SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), content) != 0 ||
+        !content.isObject()) {
+        content = Json::Value(text);
+    }
+    const std::string time =
+        Poco::DateTimeFormatter::format(message.Created(), "%Y-%m-%dT%H:%M:%S.%iZ");
+    return "{\"time\":\"" + time + "\",\"host\":" + quoted(host) +
+           ",\"task\":" + quoted(message.Sender()) + ",\"type\":" + quoted(message.Type()) +
+           ",\"content\":" + SDK::JsonUtils::JsonToString(content) + "}";
+}
+
+ReportTask::ReportTask(const std::string& path)
+    : Framework::Task(kName, "", Framework::TaskCondition::kPeriodic, kQueueCapacity),
+      path_(path) {}
+
+ReportTask::~ReportTask() {
+    if (file_ >= 0) {
+        close(file_);
+    }
+}
+
+bool ReportTask::Open() {
+    if (file_ >= 0) {
+        close(file_);
+    }
+    // Non-blocking, so that a pipe without a reader in its place is an error, not a hang.
+    file_ = open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0640);
+    return file_ >= 0;
+}
+
+void ReportTask::HandleMsg(const Framework::Message* message) {
+    const auto* report = dynamic_cast<const Framework::DataMessage*>(message);
+    if (report == nullptr) {
+        return;
+    }
+    const std::string line = FormatReport(*report, Poco::Environment::nodeName()) + "\n";
+    while (!Append(line)) {
+        if (!failing_) {
+            Framework::Log().error("report file " + path_ +
+                                   " cannot be written, trying again: " + std::strerror(errno));
+            failing_ = true;
+        }
+        if (isCancelled() || sleep(kRetryMs)) {
+            ++lost_;
+            return;
+        }
+    }
+    if (failing_) {
+        Framework::Log().information("report file " + path_ + " is written again");
+        failing_ = false;
+    }
+}
+
+bool ReportTask::Append(const std::string& line) {
+    if ((file_ < 0 || reopen_.exchange(false)) && !Open()) {
+        return false;
+    }
+    struct stat before = {};
+    if (fstat(file_, &before) != 0) {
+        return false;
+    }
+    const std::string text = torn_ ? "\n" + line : line;
+    const ssize_t written = write(file_, text.data(), text.size());
+    if (written == static_cast<ssize_t>(text.size())) {
+        torn_ = false;
+        return true;
+    }
+    if (written > 0) {
+        // Half a line would join with the next attempt's. This task is the file's only writer.
+        torn_ = ftruncate(file_, before.st_size) != 0;
+        errno = ENOSPC;
+    }
+    return false;
+}
+
+void ReportTask::UnInit() {
+    if (lost_ > 0) {
+        Framework::Log().error("report file " + path_ + ": " + std::to_string(lost_) +
+                               " reports lost at the stop");
+    }
+}

@@ -1,0 +1,16 @@
+#pragma once
+
+// The signals of the agent. Handlers rather than a blocked mask: commands that a task starts
+// would inherit the mask, and a daemon restarted with SIGTERM blocked could not be stopped.
+namespace Signals {
+
+enum class Request { kStop, kReopen };
+
+// From here on SIGTERM and SIGINT ask for a stop, SIGHUP for reopened files; a write to a closed
+// pipe is an error of that write alone. Call before the first thread is made.
+void Install();
+
+// Waits for the next request; main thread only. A stop overtakes reopenings.
+Request Wait();
+
+}  // namespace Signals
