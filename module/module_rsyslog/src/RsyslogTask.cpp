@@ -1,0 +1,188 @@
+#include "module/module_rsyslog/src/RsyslogTask.h"
+
+#include <json/writer.h>
+
+#include <algorithm>
+#include <memory>
+
+#include "framework/Engine.h"
+#include "framework/Message.h"
+#include "module/module_procs/src/ProcsFullTask.h"
+#include "module/module_rsyslog/src/RsyslogLog.h"
+#include "module/module_rsyslog/src/RsyslogThrottle.h"
+#include "sdk/BoundedString.h"
+#include "sdk/JsonUtils.h"
+#include "sdk/StringUtils.h"
+
+namespace Engine {
+
+namespace {
+
+constexpr std::size_t kQueueCapacity = 1024;
+constexpr std::int32_t kFullPassCycles = 50;
+constexpr int kIncludePathSize = 1024;
+constexpr std::size_t kAlarmTextSize = 1024;
+constexpr std::int64_t kAlarmPauseSeconds = 14400;
+
+const char* const kReportTask = "data_comm_report_task";
+const char* const kAlarmType = "rsyslog_3";
+
+enum AlarmCode { kNoDaemon = 1, kNoIncludeDirectory = 2 };
+
+// The history alarm ends in the newline that this writer adds; its receivers rely on that.
+std::string WriteLine(const Json::Value& value) {
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    Json::FastWriter writer;
+#pragma GCC diagnostic pop
+    return writer.write(value);
+}
+
+}  // namespace
+
+RsyslogTask::RsyslogTask()
+    : Framework::Task("rsyslog_task", "rsyslog_feature", Framework::TaskCondition::kPeriodic,
+                      kQueueCapacity) {}
+
+int RsyslogTask::Init() {
+    RSYSLOG_LOG(PRIO_INFORMATION, "rsyslog task Init");
+    const Framework::FeaturePolicy* attached = AttachedPolicy();
+    if (attached == nullptr) {
+        RSYSLOG_LOG(PRIO_ERROR, "get feature policy failed");
+        return 0;
+    }
+    const auto* policy = dynamic_cast<const RsyslogPolicy*>(attached);
+    if (policy == nullptr) {
+        RSYSLOG_LOG(PRIO_ERROR, "get policy failed");
+        return 0;
+    }
+    rsyslog_policy = policy->Settings();
+    return Framework::Task::Init();
+}
+
+int RsyslogTask::Run() {
+    RSYSLOG_LOG(PRIO_TRACE, "rsyslog task Start");
+    RunSyslogConf();
+    return 0;
+}
+
+void RsyslogTask::UnInit() {
+    RSYSLOG_LOG(PRIO_DEBUG, "UnInit  rsyslog task");
+    Framework::Task::UnInit();
+}
+
+void RsyslogTask::RunSyslogConf() {
+    const bool light = cycle_count >= 1 && cycle_count < kFullPassCycles;
+    if (light || state() == TASK_CANCELLING) {
+        ++cycle_count;
+    } else {
+        cycle_count = 1;
+        MaintainForwarding();
+    }
+}
+
+void RsyslogTask::MaintainForwarding() {
+    CheckSyslogRunning();
+    if (!rsyslog_policy.is_rsyslog && !rsyslog_policy.is_syslogng) {
+        SendDaemonAlarm(kNoDaemon);
+        return;
+    }
+    rsyslog_policy.need_rewrite = false;
+    rsyslog_policy.need_rewrite = CheckSyslogNeedRewrite();
+    if (!rsyslog_policy.need_rewrite || !rsyslog_policy.is_rsyslog) {
+        return;
+    }
+    char include_dir[kIncludePathSize] = {};
+    if (GetIncludeConfigPath(include_dir, kIncludePathSize)) {
+        RsyslogConfRewrite(include_dir);
+    } else {
+        SendDaemonAlarm(kNoIncludeDirectory);
+    }
+}
+
+void RsyslogTask::SendDaemonAlarm(int code) {
+    if (!SendRsyslogAlarm(code)) {
+        RSYSLOG_LOG(PRIO_ERROR, "Failed to send syslog alarm.");
+    }
+}
+
+void RsyslogTask::CheckSyslogRunning() {
+    Poco::AutoPtr<Framework::Task> task = Framework::Engine::Instance().FindTask("procs_full_task");
+    if (!task) {
+        RSYSLOG_LOG(PRIO_ERROR, "Get full proc failed");
+        return;
+    }
+    // The name is the promise of the class; a checked cast would need the other module's library.
+    std::map<int, std::shared_ptr<ProcsMessage::procInfo>> processes;
+    static_cast<ProcsFullTask*>(task.get())->GetProcsMap(processes);
+    if (processes.empty()) {
+        RSYSLOG_LOG(PRIO_ERROR, "proc map is empty");
+        return;
+    }
+    for (const auto& [pid, process] : processes) {
+        RSYSLOG_THROTTLE();
+        if (process->name.find("rsyslog") != std::string::npos) {
+            RSYSLOG_LOG(PRIO_TRACE, "find rsyslog pid %s.", std::to_string(pid));
+            rsyslog_policy.is_rsyslog = true;
+            return;  // is_syslogng keeps what an earlier pass found
+        }
+        rsyslog_policy.is_rsyslog = false;
+        if (process->name.find("syslog-ng") != std::string::npos) {
+            RSYSLOG_LOG(PRIO_TRACE, "find syslog-ng pid %s.", std::to_string(pid));
+            rsyslog_policy.is_syslogng = true;
+            return;
+        }
+        rsyslog_policy.is_syslogng = false;
+    }
+}
+
+bool RsyslogTask::SendRsyslogAlarm(int code) {
+    Json::Value alarm;
+    char text[kAlarmTextSize] = {};
+    int length = 0;
+    switch (code) {
+        case kNoDaemon:
+            length = SDK::snprintf_s(text, sizeof(text), sizeof(text) - 1, "%s",
+                                     "rsyslog or syslog-ng status is not running.");
+            break;
+        case kNoIncludeDirectory:
+            length = SDK::snprintf_s(text, sizeof(text), sizeof(text) - 1, "%s",
+                                     "rsyslog IncludeConfig is not exist.");
+            break;
+        default:
+            return false;
+    }
+    if (length == -1) {
+        RSYSLOG_LOG(PRIO_ERROR, "snprintf failed");
+        return false;
+    }
+    alarm["message"] = text;
+    const std::string message = SDK::JsonUtils::JsonToString(alarm);
+    RSYSLOG_LOG(PRIO_TRACE, "syslog alarm message is [%s]", message);
+    SendDirectMsg(kReportTask, std::make_shared<Framework::DataMessage>(kAlarmType, message));
+    return true;
+}
+
+void RsyslogTask::SendRsyslogAlarm(const user_info& user, const std::string& path,
+                                   const std::string& hist_conf,
+                                   std::map<std::string, std::int64_t>::iterator& found,
+                                   std::int64_t now) {
+    const std::string key =
+        "user:" + user.name + " path:" + path + " hist_conf:[" + hist_conf + "]";
+    found = alarm_time_map.find(key);
+    // A stored time in the future, the clock having been set back, counts as just now.
+    if (found != alarm_time_map.end() && now - std::min(found->second, now) <= kAlarmPauseSeconds) {
+        return;
+    }
+    Json::Value alarm(Json::objectValue);
+    alarm["type"] = "hist_conf";
+    alarm["user"] = SDK::StringUtils::ToUtf8(user.name);
+    alarm["path"] = SDK::StringUtils::ToUtf8(path);
+    alarm["content"] = SDK::StringUtils::ToUtf8(hist_conf);
+    const std::string message = WriteLine(alarm);
+    RSYSLOG_LOG(PRIO_TRACE, "syslog alarm message is [%s]", message);
+    SendDirectMsg(kReportTask, std::make_shared<Framework::DataMessage>(kAlarmType, message));
+    alarm_time_map[key] = now;
+}
+
+}  // namespace Engine

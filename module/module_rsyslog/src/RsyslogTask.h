@@ -1,0 +1,144 @@
+#pragma once
+
+#include <Poco/Mutex.h>
+#include <netinet/in.h>
+#include <sys/time.h>
+
+#include <cstdint>
+#include <list>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "framework/AbstractMessageReceiver.h"
+#include "framework/Task.h"
+#include "module/module_rsyslog/src/RsyslogPolicy.h"
+
+namespace Engine {
+
+// One local user whose shell history is watched.
+struct user_info {
+    bool tail_ready = false;       // a baseline of the history file has been taken
+    std::string history_hash;      // SHA-256 of the file as last seen
+    std::string name;              // login name
+    std::string home;              // home directory as the password file has it
+    std::string history_path;      // the history file
+    char history_tail[1025] = {};  // its last bytes, at most 1024, as last seen; zero-terminated
+};
+
+// One shell command waiting for its report.
+struct history_info {
+    std::string time;   // local time of the cycle that read it
+    std::string stamp;  // the time-stamp line of the shell, or the marker of a command without one
+    std::string cmd;
+    std::string user;
+    bool need_report = true;
+};
+
+// One login accounting record; a login with its logout is a session.
+struct utmp_info {
+    std::int16_t type = 0;
+    std::int32_t pid = 0;
+    std::string line;
+    std::string user;
+    std::string host;
+    std::int64_t session = 0;
+    std::int64_t login_time = 0;   // seconds since the epoch
+    std::int64_t logout_time = 0;  // 0: open
+    bool pending = true;           // has news not yet reported
+};
+
+// The module's worker. Each Run is one cycle on the task's own thread, and all work happens there:
+// nothing but the pending stop is shared with other threads. A failure is logged where it happens
+// and the cycle goes on.
+class RsyslogTask : public Framework::Task, public AbstractMessageReceiver {
+public:
+    RsyslogTask();
+
+    // Copies the settings of the attached policy; 0 when there is none, or one of another class.
+    int Init() override;
+    void UnInit() override;
+    // One cycle. Always 0.
+    int Run() override;
+
+protected:
+    ~RsyslogTask() override = default;
+
+    // --- RsyslogTask.cpp: cycle, daemon detection, alarms ---
+
+    void RunSyslogConf();
+
+    // Sets is_rsyslog and is_syslogng from the process table: the first process that is one of the
+    // daemons decides. Without a table both stay as they were. Raises Poco's bug check when there
+    // is no application.
+    void CheckSyslogRunning();
+
+    // Reports that no daemon runs (1) or that rsyslog has no include directory (2). False for any
+    // other code.
+    bool SendRsyslogAlarm(int code);
+
+    // Reports that the start-up file `path` of `user` holds `hist_conf`, unless the same was
+    // reported in the last four hours. `now`: seconds since the epoch. `found` becomes what was
+    // known of that alarm before, or the map's end.
+    void SendRsyslogAlarm(const user_info& user, const std::string& path,
+                          const std::string& hist_conf,
+                          std::map<std::string, std::int64_t>::iterator& found, std::int64_t now);
+
+    // --- RsyslogTaskForwarding.cpp: servers, daemon configuration ---
+
+    // The host's IPv4 addresses in the system's order; skip_loopback leaves out 127.0.0.x, no other
+    // loopback. False, with `addresses` empty, when the interfaces cannot be read.
+    bool GetLocalIpList(std::vector<std::string>& addresses, bool skip_loopback);
+
+    // Connects, waiting `timeout` seconds at most, and leaves the socket non-blocking. Returns the
+    // status flags the socket had; says nothing of success.
+    int DoConnect(int socket, int timeout, const sockaddr_in& address) const;
+
+    // Probes ip (dotted, or a name) and port (decimal) over TCP, up to 3 s. False whatever the
+    // probe finds: no server counts as reachable over TCP.
+    bool CheckIpReachable(const std::string& ip, const std::string& port);
+
+    // With `check`, removes the servers of `entry` that are unreachable; `changed` becomes true
+    // when one was.
+    void CleanUnreachableIp(bool check, path_port& entry, bool& changed);
+
+    // Which of `count` servers this host is to use, 0 to count - 1, from its first address.
+    int GetServiceBalanceCount(int count);
+
+    // Brings the servers of every forwarded file up to date; true when the daemon's configuration
+    // must be written again.
+    bool CheckSyslogNeedRewrite();
+
+    // rsyslog's include directory, with its trailing slash, into `out` of `size` bytes. False when
+    // /etc/rsyslog.conf cannot be opened or includes nothing.
+    bool GetIncludeConfigPath(char* out, int size);
+
+    // Appends to `out` the input and the forwarding rules of each entry, facility local<index + 1>
+    // first, local7 last. `prefix`: "@@" for TCP, "@" for UDP; `now` names the state files.
+    void GenerateRsyslogConfContent(int index, const char* prefix, const timeval& now,
+                                    std::string& out);
+
+    // Writes the include file. False, with nothing written, for an unknown server type.
+    bool CreatAndWriteRsyslogConf(const char* path);
+
+    // Replaces the include file in `include_dir` and restarts rsyslog when it was written.
+    void RsyslogConfRewrite(const char* include_dir);
+
+    // The settings, with the servers and the run-time flags as the cycles leave them.
+    RsyslogPolicy::RSYSLOG_POLICY rsyslog_policy;
+    std::list<history_info> history_list;
+    std::int32_t cycle_count = 0;  // cycles since the last full pass
+    std::string rsyslog_conf_file;
+    std::vector<utmp_info> utmp_list;
+    Poco::FastMutex utmp_mutex;  // the C library's accounting cursor is one for the process
+    // Alarm keys ("user:...") with the time of the last alarm, and paths of start-up files with
+    // their modification time; seconds since the epoch.
+    std::map<std::string, std::int64_t> alarm_time_map;
+
+private:
+    // The full pass: which daemon runs, and is its configuration current?
+    void MaintainForwarding();
+    void SendDaemonAlarm(int code);
+};
+
+}  // namespace Engine

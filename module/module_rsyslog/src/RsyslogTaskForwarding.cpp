@@ -1,0 +1,331 @@
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <ifaddrs.h>
+#include <netdb.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "module/module_rsyslog/src/RsyslogLog.h"
+#include "module/module_rsyslog/src/RsyslogTask.h"
+#include "sdk/BoundedString.h"
+#include "sdk/FileUtils.h"
+
+namespace Engine {
+
+namespace {
+
+constexpr int kConnectTimeoutSeconds = 3;
+constexpr int kMaxFacility = 7;  // local7
+
+const char* const kRsyslogConf = "/etc/rsyslog.conf";
+const char* const kIncludeFile = "watchpost_rsyslog.conf";
+const char* const kIncludeDirectives[] = {"$IncludeConfig", "include(file=\""};
+constexpr std::size_t kDirectiveLength = 14;  // of both
+
+bool BeginsWith(const std::string& text, const char* prefix) {
+    return text.compare(0, std::strlen(prefix), prefix) == 0;
+}
+
+// Runs a command through the shell; its status is not of interest. A daemon that it restarts must
+// not keep the agent's log or sockets open.
+void RunCommand(const char* command) {
+    close_range(3, ~0U, CLOSE_RANGE_CLOEXEC);
+    [[maybe_unused]] const int status = std::system(command);
+}
+
+// The first line of a rsyslog configuration that includes others, from behind its directive;
+// null when there is none. `line` is the buffer the file is read with.
+const char* FindInclude(std::FILE* conf, std::vector<char>& line) {
+    while (std::fgets(line.data(), static_cast<int>(line.size()), conf) != nullptr) {
+        const char first = line[0];
+        if (first == '\0' || first == '#' || std::isspace(static_cast<unsigned char>(first)) != 0) {
+            continue;
+        }
+        line[std::strlen(line.data()) - 1] = '\0';
+        for (const char* directive : kIncludeDirectives) {
+            if (std::strncmp(line.data(), directive, kDirectiveLength) == 0) {
+                return line.data() + kDirectiveLength;
+            }
+        }
+    }
+    return nullptr;
+}
+
+// Copies the text up to the first '*' to `out`, white space before it skipped. The number of texts
+// copied, 0 leaving `out` as it was, or -1 when there is no text at all.
+int ScanDirectory(const char* text, char* out, std::size_t size) {
+    while (std::isspace(static_cast<unsigned char>(*text)) != 0) {
+        ++text;
+    }
+    if (*text == '\0') {
+        return -1;
+    }
+    const std::size_t length = std::min(std::strcspn(text, "*"), size - 1);
+    if (length == 0) {
+        return 0;
+    }
+    std::memcpy(out, text, length);
+    out[length] = '\0';
+    return 1;
+}
+
+// Fills `out` with the IPv4 address of `host`, dotted or a name; false when it has none.
+bool ResolveHost(const std::string& host, in_addr& out) {
+    if (inet_aton(host.c_str(), &out) != 0) {
+        return true;
+    }
+    const hostent* found = gethostbyname(host.c_str());
+    if (found == nullptr || found->h_addr_list[0] == nullptr || found->h_addrtype != AF_INET) {
+        RSYSLOG_LOG(PRIO_ERROR, "can not resolve [%s]", host);
+        return false;
+    }
+    const int error = SDK::memcpy_s(&out, sizeof(out), found->h_addr_list[0], sizeof(in_addr));
+    if (error != 0) {
+        RSYSLOG_LOG(PRIO_ERROR, "memcpy_s failed, err %d", error);
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool RsyslogTask::GetLocalIpList(std::vector<std::string>& addresses, bool skip_loopback) {
+    addresses.clear();
+    ifaddrs* list = nullptr;
+    if (getifaddrs(&list) != 0) {
+        RSYSLOG_LOG(PRIO_ERROR, "get local ip list failed.");
+        return false;
+    }
+    const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> owner(list, &freeifaddrs);
+    for (const ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) {
+        if (entry->ifa_addr == nullptr || entry->ifa_addr->sa_family != AF_INET) {
+            continue;
+        }
+        sockaddr_in address = {};
+        std::memcpy(&address, entry->ifa_addr, sizeof(address));
+        char text[INET_ADDRSTRLEN] = {};
+        inet_ntop(AF_INET, &address.sin_addr, text, sizeof(text));
+        if (skip_loopback && BeginsWith(text, "127.0.0.")) {
+            continue;
+        }
+        addresses.emplace_back(text);
+    }
+    return true;
+}
+
+int RsyslogTask::DoConnect(int socket, int timeout, const sockaddr_in& address) const {
+    const int flags = fcntl(socket, F_GETFL);
+    fcntl(socket, F_SETFL, flags | O_NONBLOCK);
+    const int result =
+        connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    if (result == 0) {
+        return flags;
+    }
+    if (errno != EINPROGRESS) {
+        RSYSLOG_LOG(PRIO_ERROR, "connect failed. ret:%d errno:%u", result,
+                    static_cast<unsigned>(errno));
+        return flags;
+    }
+    // poll rather than select, which cannot take a descriptor above 1023.
+    pollfd waiting = {socket, POLLIN | POLLOUT, 0};
+    if (poll(&waiting, 1, timeout * 1000) <= 0) {
+        RSYSLOG_LOG(PRIO_DEBUG, "connection timeout");
+        return flags;
+    }
+    int error = 0;
+    socklen_t length = sizeof(error);
+    if (getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &length) != 0) {
+        RSYSLOG_LOG(PRIO_ERROR, "error in connection. %d", error);
+    }
+    return flags;
+}
+
+bool RsyslogTask::CheckIpReachable(const std::string& ip, const std::string& port) {
+    const int probe = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (probe < 0) {
+        RSYSLOG_LOG(PRIO_ERROR, "create socket failed.");
+        return false;
+    }
+    const int on = 1;
+    setsockopt(probe, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(std::strtol(port.c_str(), nullptr, 10)));
+    if (ResolveHost(ip, address.sin_addr)) {
+        const int flags = DoConnect(probe, kConnectTimeoutSeconds, address);
+        fcntl(probe, F_SETFL, flags);
+    }
+    close(probe);
+    // On purpose also after a connection: forwarding over TCP is never configured.
+    return false;
+}
+
+void RsyslogTask::CleanUnreachableIp(bool check, path_port& entry, bool& changed) {
+    if (!check) {
+        return;
+    }
+    for (auto server = entry.servers.begin(); server != entry.servers.end();) {
+        if (CheckIpReachable(*server, entry.port)) {
+            ++server;
+            continue;
+        }
+        RSYSLOG_LOG(PRIO_INFORMATION, "old server %s:%s unreachable", *server, entry.port);
+        changed = true;
+        server = entry.servers.erase(server);
+    }
+}
+
+int RsyslogTask::GetServiceBalanceCount(int count) {
+    if (!rsyslog_policy.server_balance || count < 1) {
+        return 0;
+    }
+    std::vector<std::string> addresses;
+    if (!GetLocalIpList(addresses, true) || addresses.empty()) {
+        RSYSLOG_LOG(PRIO_TRACE, "need %d server. ip %u", 0, 0U);
+        return 0;
+    }
+    const std::string& local = addresses.front();
+    const in_addr_t address = inet_addr(local.c_str());
+    RSYSLOG_LOG(PRIO_TRACE, "local ip %s", local);
+    if (address == INADDR_NONE) {
+        RSYSLOG_LOG(PRIO_ERROR, "can not trans [%s] to ip", local);
+        return 0;
+    }
+    const std::uint32_t host_order = ntohl(address);
+    const int chosen = static_cast<int>(host_order % static_cast<std::uint32_t>(count));
+    RSYSLOG_LOG(PRIO_TRACE, "need %d server. ip %u", chosen, host_order);
+    return chosen;
+}
+
+bool RsyslogTask::CheckSyslogNeedRewrite() {
+    bool changed = false;
+    const bool check = BeginsWith(rsyslog_policy.server_type, "tcp");
+    for (path_port& entry : rsyslog_policy.log_path) {
+        RSYSLOG_LOG(PRIO_TRACE, "check path %s", entry.path);
+        CleanUnreachableIp(check, entry, changed);
+        std::vector<std::string>& servers = entry.servers;
+        if (!servers.empty() && rsyslog_policy.server_balance) {
+            continue;  // keeps its one server while that survives
+        }
+        for (const std::string& address : rsyslog_policy.server) {
+            if (std::find(servers.begin(), servers.end(), address) != servers.end()) {
+                continue;
+            }
+            if (check && !CheckIpReachable(address, entry.port)) {
+                RSYSLOG_LOG(PRIO_INFORMATION, "new server %s:%s unreachable", address, entry.port);
+                continue;
+            }
+            servers.push_back(address);
+            changed = true;
+            RSYSLOG_LOG(PRIO_TRACE, "add new server %s:%s reachable", address, entry.port);
+        }
+        if (!rsyslog_policy.server_balance || servers.empty()) {
+            continue;
+        }
+        const int chosen = GetServiceBalanceCount(static_cast<int>(servers.size()));
+        servers = {servers[static_cast<std::size_t>(chosen)]};
+        RSYSLOG_LOG(PRIO_INFORMATION, "new server %s:%s reachable rewrite.", servers.front(),
+                    entry.port);
+    }
+    return changed;
+}
+
+bool RsyslogTask::GetIncludeConfigPath(char* out, int size) {
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> conf(std::fopen(kRsyslogConf, "re"),
+                                                               &std::fclose);
+    if (conf == nullptr) {
+        std::perror("fopen");
+        return false;
+    }
+    std::vector<char> line(static_cast<std::size_t>(size));
+    const char* include = FindInclude(conf.get(), line);
+    if (include == nullptr) {
+        return false;
+    }
+    if (ScanDirectory(include, out, static_cast<std::size_t>(size)) == -1) {
+        RSYSLOG_LOG(PRIO_ERROR, "sscanf failed");
+        return false;
+    }
+    RSYSLOG_LOG(PRIO_TRACE, "includeConfig_path %s.", std::string(out));
+    return true;
+}
+
+void RsyslogTask::GenerateRsyslogConfContent(int index, const char* prefix, const timeval& now,
+                                             std::string& out) {
+    const std::string stem =
+        std::to_string(static_cast<std::int64_t>(now.tv_sec) * 1000 + now.tv_usec / 1000);
+    int number = index + 1;
+    for (const path_port& entry : rsyslog_policy.log_path) {
+        if (number > kMaxFacility) {
+            RSYSLOG_LOG(PRIO_INFORMATION, "log path more than 7 ,size: %?d",
+                        rsyslog_policy.log_path.size());
+            return;
+        }
+        const std::string facility = "local" + std::to_string(number);
+        out += "input(type=\"imfile\"\n";
+        out += "\tFile=\"" + entry.path + "\"\n";
+        out += "\tTag=\"\"\n";
+        out += "\tStateFile=\"" + stem + std::to_string(number) + "\"\n";
+        out += "\tSeverity=\"debug\"\n";
+        out += "\tFacility=\"" + facility + "\")\n\n";
+        for (const std::string& server : entry.servers) {
+            out += facility + ".* " + prefix + server + ":" + entry.port + "\n\n";
+        }
+        ++number;
+    }
+}
+
+bool RsyslogTask::CreatAndWriteRsyslogConf(const char* path) {
+    if (path == nullptr) {
+        return false;
+    }
+    RSYSLOG_LOG(PRIO_TRACE, "creat_and_write: %s", std::string(path));
+    std::string content;
+    if (!rsyslog_policy.log_path.empty()) {
+        content += "\n#### RULES ####\n\n";
+        content += "module(load=\"imfile\" PollingInterval=\"10\") #needs to be done just once\n\n";
+    }
+    const char* prefix = nullptr;
+    if (BeginsWith(rsyslog_policy.server_type, "tcp")) {
+        prefix = "@@";
+    } else if (BeginsWith(rsyslog_policy.server_type, "udp")) {
+        prefix = "@";
+    } else {
+        RSYSLOG_LOG(PRIO_ERROR, "server_type not tcp or udp, %s", rsyslog_policy.server_type);
+        return false;
+    }
+    timeval now = {};
+    gettimeofday(&now, nullptr);
+    GenerateRsyslogConfContent(0, prefix, now, content);
+    RSYSLOG_LOG(PRIO_TRACE, "all msg: %s", content);
+    if (SDK::FileUtils::WriteFile(path, content, false) != 0) {
+        RSYSLOG_LOG(PRIO_ERROR, "rsyslog write [%s] failed.", std::string(path));
+        return false;
+    }
+    return true;
+}
+
+void RsyslogTask::RsyslogConfRewrite(const char* include_dir) {
+    rsyslog_conf_file = std::string(include_dir) + kIncludeFile;
+    RSYSLOG_LOG(PRIO_TRACE, "rsyslog include conf: %s", rsyslog_conf_file);
+    if (std::remove(rsyslog_conf_file.c_str()) != 0) {
+        RSYSLOG_LOG(PRIO_TRACE, "remove conf %s failed.", rsyslog_conf_file);
+    } else {
+        RSYSLOG_LOG(PRIO_TRACE, "remove conf: %s", rsyslog_conf_file);
+    }
+    if (CreatAndWriteRsyslogConf(rsyslog_conf_file.c_str())) {
+        RunCommand("service rsyslog restart");
+        RSYSLOG_LOG(PRIO_TRACE, "run cmd: service rsyslog restart");
+    }
+}
+
+}  // namespace Engine
