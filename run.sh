@@ -1,0 +1,90 @@
+#!/usr/bin/env bash
+# The newcomer's command: installs what is missing, builds, and shows the system at work.
+set -euo pipefail
+
+usage() {
+    cat <<'TEXT'
+usage: ./run.sh
+           Installs what is missing to build, builds, and shows watchpost at work in a private copy
+           of this machine. Nothing else on the machine is touched.
+       ./run.sh --host --policy FILE [-- WATCHPOST_OPTION...]
+           Builds and runs the agent on this machine itself, in the foreground, as root, under the
+           policy in FILE. What follows -- goes to watchpost as it is.
+       ./run.sh --help
+TEXT
+}
+misused() {
+    echo "run.sh: $* (./run.sh --help tells more)" >&2
+    exit 64
+}
+
+host=false
+policy=
+while (($#)); do
+    case $1 in
+    --help)
+        usage
+        exit 0
+        ;;
+    --host) host=true ;;
+    --policy)
+        (($# > 1)) || misused "--policy needs a file"
+        policy=$2
+        shift
+        ;;
+    --policy=*) policy=${1#*=} ;;
+    --)
+        shift
+        break
+        ;;
+    *) misused "unknown option $1" ;;
+    esac
+    shift
+done
+if $host; then
+    [[ -n $policy ]] || misused "--host needs --policy FILE"
+    [[ -f $policy && -r $policy ]] || misused "policy file $policy cannot be read"
+    policy=$(realpath "$policy")
+else
+    [[ -z $policy ]] || misused "--policy goes with --host"
+    (($# == 0)) || misused "options for watchpost go with --host"
+fi
+cd "$(dirname "${BASH_SOURCE[0]}")"
+
+as_root=()
+if $host && ((EUID != 0)); then
+    command -v sudo >/dev/null || misused "--host needs root, and there is no sudo"
+    as_root=(sudo)
+fi
+
+if ! $host; then
+    script/bootstrap
+    script/build release
+    exec test/sandbox script/demo
+fi
+
+script/bootstrap build
+script/build release
+home=/usr/local/watchpost
+# The agent watches a directory; in one of its own, nothing but this policy reaches it.
+policies=$(mktemp -d)
+trap 'rm -rf "$policies"' EXIT
+cp "$policy" "$policies/policy.json"
+cat <<TEXT
+
+watchpost now runs on this machine, as root and in the foreground; Ctrl-C stops it.
+  policy    a copy of $policy
+  writes    $home/log, and what the policy asks for in the configuration of the syslog
+            daemon, which it restarts
+  remains   what it wrote: the daemon goes on forwarding after the stop. docs/operations.md tells
+            how to end that.
+
+TEXT
+"${as_root[@]}" install -d -m 750 "$home" "$home/conf" "$home/log"
+# Ctrl-C reaches the agent by itself; this shell waits for its orderly stop.
+trap : INT
+status=0
+"${as_root[@]}" build/release/bin/watchpost --module-dir="$PWD/build/release/module" \
+    --policy-dir="$policies" --log-dir="$home/log" "$@" || status=$?
+echo "watchpost ended with status $status; its log is $home/log/watchpost.log"
+exit "$status"
