@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <map>
 
 #include "test/support/AgentProcess.h"
 #include "test/support/TestSupport.h"
@@ -58,52 +57,84 @@ private:
     std::vector<std::string> arrived_;
 };
 
-// The host's own rsyslogd with Debian's configuration.
-class Rsyslogd {
+// A syslog daemon of the host with Debian's configuration, "rsyslogd" or "syslog-ng".
+class Daemon {
 public:
-    Rsyslogd() {
-        EXPECT_EQ(0, std::system("rsyslogd"));
-        EXPECT_TRUE(Await([] { return !ReadText("/run/rsyslogd.pid").empty(); }));
+    explicit Daemon(const std::string& name) : pid_file_("/run/" + name + ".pid") {
+        std::filesystem::remove("/run/service.log");
+        const std::string command =
+            name == "syslog-ng" ? "syslog-ng --pidfile=" + pid_file_ : name;
+        EXPECT_EQ(0, std::system((command + " >/run/daemon.out 2>&1").c_str()));
+        EXPECT_TRUE(Await([this] { return !ReadText(pid_file_).empty(); }));
     }
-    ~Rsyslogd() {
-        const pid_t pid = std::atoi(ReadText("/run/rsyslogd.pid").c_str());
+    ~Daemon() {
+        const pid_t pid = std::atoi(ReadText(pid_file_).c_str());
         kill(pid, SIGTERM);
         EXPECT_TRUE(Await([pid] { return kill(pid, 0) != 0; }));
         std::remove(kInclude);
     }
-    Rsyslogd(const Rsyslogd&) = delete;
-    Rsyslogd& operator=(const Rsyslogd&) = delete;
+    Daemon(const Daemon&) = delete;
+    Daemon& operator=(const Daemon&) = delete;
+
+private:
+    const std::string pid_file_;
 };
 
-TEST(EndToEnd, RsyslogForwardsTwoFilesToTwoServers) {
-    const Rsyslogd rsyslogd;
-    std::map<std::string, Server> servers;
-    for (const char* host : {"127.0.0.1", "127.0.0.2"}) {
-        servers.try_emplace(std::string(host) + " a", host, 5514);
-        servers.try_emplace(std::string(host) + " b", host, 5515);
-    }
-    WriteText("/var/log/a.log", "before the policy in a\n");
-    WriteText("/var/log/b.log", "");
-    AgentProcess agent;
-    AgentProcess::Policy("forward.json", Policy(R"({
-        "server_type":"udp","server_balance":false,"server":["127.0.0.1","127.0.0.2"],
-        "log_path":["/var/log/a.log:5514","/var/log/b.log:5515"]})"));
-    ASSERT_TRUE(AgentProcess::AwaitLog("run cmd: service rsyslog restart"));
-    EXPECT_EQ("rsyslog restart\n", ReadText("/run/service.log"));
-
-    for (int i = 0; i < 20; ++i) {
-        Append("/var/log/a.log", "line " + std::to_string(i) + " of a\n");
-        Append("/var/log/b.log", "line " + std::to_string(i) + " of b\n");
-    }
-    for (auto& [name, server] : servers) {
-        SCOPED_TRACE(name);
-        const std::string file = name.substr(name.size() - 1);
-        const int priority = file == "a" ? 17 * 8 + 7 : 18 * 8 + 7;  // local1 and local2, debug
+// Servers on two addresses, each with a port for the first forwarded file and one for the second.
+class Servers {
+public:
+    // Appends 20 lines to each file, and expects every one at every server under the priority of
+    // its file.
+    void ExpectAll(const std::string& first, int first_priority, const std::string& second,
+                   int second_priority) {
         for (int i = 0; i < 20; ++i) {
-            const std::string line = "line " + std::to_string(i) + " of " + file;
-            EXPECT_TRUE(Await([&, &at = server] { return at.Has(priority, line); })) << line;
+            Append(first, "line " + std::to_string(i) + " of " + first + "\n");
+            Append(second, "line " + std::to_string(i) + " of " + second + "\n");
+        }
+        for (Server& server : first_) {
+            Expect(server, first, first_priority);
+        }
+        for (Server& server : second_) {
+            Expect(server, second, second_priority);
         }
     }
+
+private:
+    static void Expect(Server& server, const std::string& file, int priority) {
+        for (int i = 0; i < 20; ++i) {
+            const std::string line = "line " + std::to_string(i) + " of " + file;
+            EXPECT_TRUE(Await([&] { return server.Has(priority, line); })) << line;
+        }
+    }
+
+    Server first_[2] = {{"127.0.0.1", 5514}, {"127.0.0.2", 5514}};
+    Server second_[2] = {{"127.0.0.1", 5515}, {"127.0.0.2", 5515}};
+};
+
+std::string ForwardingPolicy(const std::string& first, const std::string& second) {
+    return Policy(R"({"server_type":"udp","server_balance":false,
+        "server":["127.0.0.1","127.0.0.2"],"log_path":[")" +
+                  first + R"(:5514",")" + second + R"(:5515"]})");
+}
+
+int Count(const std::string& text, const std::string& piece) {
+    int count = 0;
+    for (std::size_t at = text.find(piece); at != std::string::npos;
+         at = text.find(piece, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+TEST(EndToEnd, RsyslogForwardsTwoFilesToTwoServers) {
+    const Daemon rsyslogd("rsyslogd");
+    Servers servers;
+    AgentProcess agent;
+    AgentProcess::Policy("p.json", ForwardingPolicy("/var/log/a.log", "/var/log/b.log"));
+    ASSERT_TRUE(AgentProcess::AwaitLog("run cmd: service rsyslog restart"));
+    EXPECT_EQ("rsyslog restart\n", ReadText("/run/service.log"));
+    servers.ExpectAll("/var/log/a.log", 17 * 8 + 7, "/var/log/b.log",
+                      18 * 8 + 7);  // local1, local2
 
     // rsyslogd's own check finds one fault: the state-file parameter, accepted but deprecated.
     [[maybe_unused]] const int status = std::system("rsyslogd -N1 >/run/check.out 2>&1");
@@ -119,6 +150,41 @@ TEST(EndToEnd, RsyslogForwardsTwoFilesToTwoServers) {
     EXPECT_EQ(2, deprecated);
     EXPECT_EQ(0, agent.Stop());
     EXPECT_EQ(0, access(kInclude, F_OK));
+}
+
+TEST(EndToEnd, SyslogngForwardsTwoFilesToTwoServersAndOthersUnderTheNextPolicy) {
+    const std::string conf = "/etc/syslog-ng/syslog-ng.conf";
+    const std::string profile = "/etc/apparmor.d/sbin.syslog-ng";
+    const std::string administrators = ReadText(conf);
+    std::filesystem::remove("/run/rcapparmor.log");
+    const Daemon syslogng("syslog-ng");
+    Servers servers;
+    AgentProcess agent;
+    int round = 0;
+    for (const char* name : {"a", "b"}) {
+        const std::string first = std::string("/var/log/first_") + name;
+        const std::string second = std::string("/var/log/second_") + name;
+        WriteText(first, "");
+        WriteText(second, "");
+        AgentProcess::Policy("p.json", ForwardingPolicy(first, second));
+        ASSERT_TRUE(AgentProcess::AwaitLog("run cmd: rcapparmor restart & service syslog restart",
+                                           ++round));
+        servers.ExpectAll(first, 13, second, 13);  // lines without a priority: user, notice
+
+        EXPECT_EQ(0U, ReadText(conf).find(administrators));
+        for (const std::string& file : {conf, profile}) {
+            EXPECT_EQ(1, Count(ReadText(file), "WATCHPOST SYSLOGNG CONFIG BEGIN"));
+            EXPECT_EQ(1, Count(ReadText(file), first));
+        }
+        EXPECT_EQ(0, std::system("syslog-ng -s >/run/check.out 2>&1"))
+            << ReadText("/run/check.out");
+    }
+    // The parser took the real profile with the block both times.
+    EXPECT_EQ("restart 0\nrestart 0\n", ReadText("/run/rcapparmor.log"));
+    EXPECT_EQ("syslog restart\nsyslog restart\n", ReadText("/run/service.log"));
+    EXPECT_EQ(administrators, ReadText(AgentProcess::Path("conf/syslog-ng.conf.watchpostbak")));
+    EXPECT_EQ(0, agent.Stop());
+    WriteText(conf, administrators);
 }
 
 TEST(EndToEnd, PoliciesReplaceEachOtherWithoutLoss) {
@@ -157,7 +223,7 @@ TEST(EndToEnd, PoliciesReplaceEachOtherWithoutLoss) {
 // A server behind an interface where nobody answers holds the cycle up for three seconds; rsyslog
 // without an include directory makes the same cycle report afterwards.
 TEST(EndToEnd, ReportsOfACycleInterruptedByAStopAreWritten) {
-    const Rsyslogd rsyslogd;
+    const Daemon rsyslogd("rsyslogd");
     ASSERT_EQ(0,
               std::system("ip link add silent0 type bridge && ip addr add 10.0.0.5/24 dev silent0 "
                           "&& ip link set silent0 up && ip neigh add 10.0.0.9 "

@@ -77,6 +77,13 @@ public:
         }
         return count;
     }
+    int Errors() const {
+        int count = 0;
+        for (const auto& each : Lines()) {
+            count += each.compare(0, 2, "3 ") == 0 ? 1 : 0;
+        }
+        return count;
+    }
     // How many lines hold `piece`.
     int Holding(const std::string& piece) const {
         int count = 0;

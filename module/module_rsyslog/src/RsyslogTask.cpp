@@ -89,7 +89,11 @@ void RsyslogTask::MaintainForwarding() {
     }
     rsyslog_policy.need_rewrite = false;
     rsyslog_policy.need_rewrite = CheckSyslogNeedRewrite();
-    if (!rsyslog_policy.need_rewrite || !rsyslog_policy.is_rsyslog) {
+    if (!rsyslog_policy.need_rewrite) {
+        return;
+    }
+    if (!rsyslog_policy.is_rsyslog) {
+        SyslogServiceManage();
         return;
     }
     char include_dir[kIncludePathSize] = {};

@@ -124,6 +124,28 @@ protected:
     // Replaces the include file in `include_dir` and restarts rsyslog when it was written.
     void RsyslogConfRewrite(const char* include_dir);
 
+    // Rewrites syslog-ng's configuration and its AppArmor profile; only when both were written,
+    // restarts AppArmor and the syslog service.
+    void SyslogServiceManage();
+
+    // --- RsyslogTaskSyslogng.cpp: the marked blocks of syslog-ng and of its AppArmor profile ---
+    // A failed step is logged and leaves the administrator's own text whole on disk, in the file
+    // or, block removed, in its backup.
+
+    // The block for all entries into `out`, numbering destinations and sources from the given
+    // numbers + 1; empty when nothing is forwarded.
+    void GenerateSyslogngConfContent(int destination, int source, std::string& out);
+
+    // Remove the block. True also when there is none; false when the file cannot be read or
+    // written.
+    bool DeleteSyslogngWatchpostConf();
+    bool DeleteSyslogngReadAuditConf();
+
+    // Replace the block: the old one is removed, the file backed up, the new one added at the end
+    // of the configuration, or before the last "}" of the profile. True only when written.
+    bool OverWriteSyslogngConf();
+    bool OverWriteSyslogngReadAuditConf();
+
     // The settings, with the servers and the run-time flags as the cycles leave them.
     RsyslogPolicy::RSYSLOG_POLICY rsyslog_policy;
     std::list<history_info> history_list;

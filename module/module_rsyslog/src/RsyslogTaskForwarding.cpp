@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <boost/algorithm/string/predicate.hpp>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
@@ -30,10 +31,6 @@ const char* const kRsyslogConf = "/etc/rsyslog.conf";
 const char* const kIncludeFile = "watchpost_rsyslog.conf";
 const char* const kIncludeDirectives[] = {"$IncludeConfig", "include(file=\""};
 constexpr std::size_t kDirectiveLength = 14;  // of both
-
-bool BeginsWith(const std::string& text, const char* prefix) {
-    return text.compare(0, std::strlen(prefix), prefix) == 0;
-}
 
 // Runs a command through the shell; its status is not of interest. A daemon that it restarts must
 // not keep the agent's log or sockets open.
@@ -114,7 +111,7 @@ bool RsyslogTask::GetLocalIpList(std::vector<std::string>& addresses, bool skip_
         std::memcpy(&address, entry->ifa_addr, sizeof(address));
         char text[INET_ADDRSTRLEN] = {};
         inet_ntop(AF_INET, &address.sin_addr, text, sizeof(text));
-        if (skip_loopback && BeginsWith(text, "127.0.0.")) {
+        if (skip_loopback && boost::starts_with(text, "127.0.0.")) {
             continue;
         }
         addresses.emplace_back(text);
@@ -208,7 +205,7 @@ int RsyslogTask::GetServiceBalanceCount(int count) {
 
 bool RsyslogTask::CheckSyslogNeedRewrite() {
     bool changed = false;
-    const bool check = BeginsWith(rsyslog_policy.server_type, "tcp");
+    const bool check = boost::starts_with(rsyslog_policy.server_type, "tcp");
     for (path_port& entry : rsyslog_policy.log_path) {
         RSYSLOG_LOG(PRIO_TRACE, "check path %s", entry.path);
         CleanUnreachableIp(check, entry, changed);
@@ -295,9 +292,9 @@ bool RsyslogTask::CreatAndWriteRsyslogConf(const char* path) {
         content += "module(load=\"imfile\" PollingInterval=\"10\") #needs to be done just once\n\n";
     }
     const char* prefix = nullptr;
-    if (BeginsWith(rsyslog_policy.server_type, "tcp")) {
+    if (boost::starts_with(rsyslog_policy.server_type, "tcp")) {
         prefix = "@@";
-    } else if (BeginsWith(rsyslog_policy.server_type, "udp")) {
+    } else if (boost::starts_with(rsyslog_policy.server_type, "udp")) {
         prefix = "@";
     } else {
         RSYSLOG_LOG(PRIO_ERROR, "server_type not tcp or udp, %s", rsyslog_policy.server_type);
@@ -326,6 +323,15 @@ void RsyslogTask::RsyslogConfRewrite(const char* include_dir) {
         RunCommand("service rsyslog restart");
         RSYSLOG_LOG(PRIO_TRACE, "run cmd: service rsyslog restart");
     }
+}
+
+void RsyslogTask::SyslogServiceManage() {
+    if (!OverWriteSyslogngConf() || !OverWriteSyslogngReadAuditConf()) {
+        return;
+    }
+    RunCommand("rcapparmor restart");
+    RunCommand("service syslog restart");
+    RSYSLOG_LOG(PRIO_TRACE, "run cmd: rcapparmor restart & service syslog restart");
 }
 
 }  // namespace Engine

@@ -61,7 +61,7 @@ TEST(Intake, RefusesAndFlags) {
         const Delivery delivery(c.text, &current);
         EXPECT_EQ(c.policy, delivery.policy != nullptr);
         EXPECT_EQ(c.flags, current.Changed());
-        EXPECT_EQ(*c.logged != '\0' ? 1 : 0, delivery.log.Holding("3 "));
+        EXPECT_EQ(*c.logged != '\0' ? 1 : 0, delivery.log.Errors());
         EXPECT_EQ(*c.logged != '\0' ? 1 : 0, delivery.log.Count(c.logged));
     }
 }
@@ -123,7 +123,7 @@ TEST(Intake, WrongKindsEverywhereReadAsAbsent) {
     EXPECT_FALSE(settings.get_history);
     EXPECT_TRUE(settings.server_type.empty() && settings.server.empty());
     EXPECT_EQ(std::list<std::string>{"ls"}, settings.white_list);
-    EXPECT_EQ(0, delivery.log.Holding("3 "));
+    EXPECT_EQ(0, delivery.log.Errors());
 }
 
 TEST(Intake, ForwardedPathsSplitAtTheLastColon) {

@@ -29,10 +29,13 @@ public:
     using RsyslogTask::GetIncludeConfigPath;
     using RsyslogTask::GetLocalIpList;
     using RsyslogTask::GetServiceBalanceCount;
+    using RsyslogTask::OverWriteSyslogngConf;
+    using RsyslogTask::OverWriteSyslogngReadAuditConf;
     using RsyslogTask::rsyslog_conf_file;
     using RsyslogTask::rsyslog_policy;
     using RsyslogTask::RsyslogConfRewrite;
     using RsyslogTask::SendRsyslogAlarm;
+    using RsyslogTask::SyslogServiceManage;
 };
 
 using OpenTaskPtr = Poco::AutoPtr<OpenTask>;
