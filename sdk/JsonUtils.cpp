@@ -4,7 +4,6 @@
 #include <json/writer.h>
 
 #include <cerrno>
-#include <cstring>
 #include <exception>
 #include <memory>
 #include <new>
@@ -16,98 +15,6 @@ namespace SDK::JsonUtils {
 namespace {
 
 constexpr size_t kMaxDepth = 1000;
-
-bool IsDigit(char c) {
-    return c >= '0' && c <= '9';
-}
-
-// Moves `at` behind the digits there; false when there are none.
-bool SkipDigits(std::string_view text, size_t& at) {
-    const size_t start = at;
-    while (at < text.size() && IsDigit(text[at])) {
-        ++at;
-    }
-    return at > start;
-}
-
-// Moves `at` behind the number there; false when it is not one of JSON's.
-bool SkipNumber(std::string_view text, size_t& at) {
-    const auto is = [&](const char* any) {
-        return at < text.size() && text[at] != '\0' && std::strchr(any, text[at]) != nullptr;
-    };
-    if (is("-")) {
-        ++at;
-    }
-    const size_t first = at;
-    if (!SkipDigits(text, at) || (text[first] == '0' && at - first > 1)) {
-        return false;
-    }
-    if (is(".") && !SkipDigits(text, ++at)) {
-        return false;
-    }
-    if (is("eE")) {
-        ++at;
-        if (is("+-")) {
-            ++at;
-        }
-        return SkipDigits(text, at);
-    }
-    return true;
-}
-
-// Moves `at` behind the string there (escapes are left to the parser); false when it holds a
-// control character or does not end.
-bool SkipString(std::string_view text, size_t& at) {
-    for (++at; at < text.size(); ++at) {
-        if (static_cast<unsigned char>(text[at]) < 0x20) {
-            return false;
-        }
-        if (text[at] == '"') {
-            ++at;
-            return true;
-        }
-        if (text[at] == '\\') {
-            ++at;
-        }
-    }
-    return false;
-}
-
-// Refuses what jsoncpp lets pass even when told to be strict: "01", "1.", "+1", a lone "-", bare
-// control characters, comments behind an element; and too many levels before any of them costs
-// stack.
-bool IsAcceptable(std::string_view text) {
-    constexpr std::string_view kOutsideStrings = "{}[],: \t\r\ntruefalsenull";
-    size_t depth = 0;
-    for (size_t at = 0; at < text.size();) {
-        const char c = text[at];
-        if (c == '"') {
-            if (!SkipString(text, at)) {
-                return false;
-            }
-            continue;
-        }
-        if (IsDigit(c) || c == '-' || c == '+') {
-            if (!SkipNumber(text, at)) {
-                return false;
-            }
-            continue;
-        }
-        if (c == '[' || c == '{') {
-            if (++depth > kMaxDepth) {
-                return false;
-            }
-        } else if (c == ']' || c == '}') {
-            if (depth-- == 0) {
-                return false;
-            }
-        } else if (kOutsideStrings.find(c) == std::string_view::npos) {
-            return false;
-        }
-        ++at;
-    }
-    return true;
-}
 
 Json::CharReaderBuilder MakeReaderBuilder() {
     Json::CharReaderBuilder builder;
@@ -174,9 +81,6 @@ int ParseJsonStr(const char* text, size_t length, Json::Value& out) {
     std::string_view json(text, length);
     if (json.substr(0, kByteOrderMark.size()) == kByteOrderMark) {
         json.remove_prefix(kByteOrderMark.size());
-    }
-    if (!IsAcceptable(json)) {
-        return EINVAL;
     }
     try {
         // As the only element of an array the text may be of any kind while jsoncpp still insists
