@@ -4,9 +4,10 @@ set -euo pipefail
 
 usage() {
     cat <<'TEXT'
-usage: ./run.sh
+usage: ./run.sh [--daemon=rsyslog|syslog-ng]
            Installs what is missing to build, builds, and shows watchpost at work in a private copy
-           of this machine. Nothing else on the machine is touched.
+           of this machine, with the real rsyslogd (default) or syslog-ng. Nothing else on the
+           machine is touched.
        ./run.sh --host --policy FILE [-- WATCHPOST_OPTION...]
            Builds and runs the agent on this machine itself, in the foreground, as root, under the
            policy in FILE. What follows -- goes to watchpost as it is.
@@ -20,6 +21,7 @@ misused() {
 
 host=false
 policy=
+daemon=
 while (($#)); do
     case $1 in
     --help)
@@ -27,6 +29,7 @@ while (($#)); do
         exit 0
         ;;
     --host) host=true ;;
+    --daemon=rsyslog | --daemon=syslog-ng) daemon=${1#*=} ;;
     --policy)
         (($# > 1)) || misused "--policy needs a file"
         policy=$2
@@ -43,6 +46,7 @@ while (($#)); do
 done
 if $host; then
     [[ -n $policy ]] || misused "--host needs --policy FILE"
+    [[ -z $daemon ]] || misused "--host works with the daemon that runs, not with --daemon"
     [[ -f $policy && -r $policy ]] || misused "policy file $policy cannot be read"
     policy=$(realpath "$policy")
 else
@@ -60,7 +64,7 @@ fi
 if ! $host; then
     script/bootstrap
     script/build release
-    exec test/sandbox script/demo
+    exec test/sandbox script/demo "${daemon:-rsyslog}"
 fi
 
 script/bootstrap build

@@ -30,8 +30,11 @@ int main(int argc, char** argv) {
                 char text[65536];
                 Poco::Net::DatagramSocket server(ready);
                 const int length = server.receiveBytes(text, sizeof(text));
-                std::cout << server.address().port() << ' '
-                          << std::string(text, static_cast<std::size_t>(length)) << std::endl;
+                std::string message(text, static_cast<std::size_t>(length));
+                if (!message.empty() && message.back() == '\n') {
+                    message.pop_back();  // some daemons send it, some do not
+                }
+                std::cout << server.address().port() << ' ' << message << std::endl;
             }
         }
     } catch (const Poco::Exception& e) {
