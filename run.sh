@@ -84,7 +84,7 @@ watchpost now runs on this machine, as root and in the foreground; Ctrl-C stops 
             how to end that.
 
 TEXT
-"${as_root[@]}" install -d -m 750 "$home" "$home/conf" "$home/log"
+"${as_root[@]}" mkdir -p "$home/conf" "$home/log"
 # Ctrl-C reaches the agent by itself; this shell waits for its orderly stop.
 trap : INT
 status=0
