@@ -19,8 +19,8 @@ constexpr size_t kMaxDepth = 1000;
 Json::CharReaderBuilder MakeReaderBuilder() {
     Json::CharReaderBuilder builder;
     Json::CharReaderBuilder::strictMode(&builder.settings_);
-    // Room for the array put around the text and a scalar in the innermost level.
-    builder["stackLimit"] = static_cast<Json::UInt>(kMaxDepth + 2);
+    // Room for the array put around the text.
+    builder["stackLimit"] = static_cast<Json::UInt>(kMaxDepth + 1);
     return builder;
 }
 

@@ -24,7 +24,7 @@ TEST(JsonUtils, WhatIsParsedIsWrittenCompactSortedAndInAscii) {
         {"\"é€😀\xF4\x8F\xBF\xBF\"", R"("\u00e9\u20ac\ud83d\ude00\udbff\udfff")"},
         {"{\"y\xF0\x9F\x98tail\":\"\xE2\x82xyz\xFF\xC3\"}",
          R"({"y\ufffdtail":"\ufffdxyz\ufffd\ufffd"})"},
-        {Nested(1000, "1"), Nested(1000, "1")},
+        {Nested(1000, ""), Nested(1000, "")},
     };
     for (const auto& [text, written] : cases) {
         Json::Value value;
@@ -42,7 +42,7 @@ TEST(JsonUtils, RefusesWhatIsNotStrictJson) {
         "|");
     std::vector<std::string> cases(lines.begin(), lines.end());
     cases.insert(cases.end(), {"//\n1", "\f1", "\xFE\xFF", std::string("{}\0", 3),
-                               std::string("\0{}", 3), Nested(1002, ""),
+                               std::string("\0{}", 3), Nested(1001, ""),
                                std::string(100000, '['), Nested(100000, "1")});
     Json::Value value = "kept";
     for (const std::string& text : cases) {

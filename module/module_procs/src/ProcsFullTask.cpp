@@ -3,6 +3,8 @@
 #include <libproc2/pids.h>
 
 #include <cstring>
+#include <future>
+#include <utility>
 
 #include "sdk/LoggerUtils.h"
 
@@ -21,19 +23,41 @@ void LogError(const std::string& text) {
     }
 }
 
+using ProcsMap = std::map<int, std::shared_ptr<ProcsMessage::procInfo>>;
+
+// A caller's question, answered on the task's thread.
+class ProcsRequest : public Framework::Message {
+public:
+    std::future<ProcsMap> Answer() { return answer_.get_future(); }
+    void Give(ProcsMap processes) const { answer_.set_value(std::move(processes)); }
+
+private:
+    mutable std::promise<ProcsMap> answer_;  // a receiver sees its messages as constant
+};
+
+ProcsMap ReadTable(pids_info* reader) {
+    ProcsMap processes;
+    const pids_fetch* table = procps_pids_reap(reader, PIDS_FETCH_TASKS_ONLY);
+    if (table == nullptr) {
+        return processes;
+    }
+    for (int i = 0; i < table->counts->total; ++i) {
+        const pids_stack* stack = table->stacks[i];
+        auto process = std::make_shared<ProcsMessage::procInfo>();
+        process->pid = PIDS_VAL(kPid, s_int, stack, reader);
+        process->name = PIDS_VAL(kName, str, stack, reader);
+        const int pid = process->pid;
+        processes.emplace(pid, std::move(process));
+    }
+    return processes;
+}
+
 }  // namespace
 
 ProcsFullTask::ProcsFullTask()
     : Framework::Task("procs_full_task", "", Framework::TaskCondition::kPeriodic, kQueueCapacity) {}
 
-ProcsFullTask::~ProcsFullTask() {
-    if (reader_ != nullptr) {
-        procps_pids_unref(&reader_);
-    }
-}
-
 int ProcsFullTask::Init() {
-    const std::lock_guard<std::mutex> lock(mutex_);
     if (const int status = procps_pids_new(&reader_, items, kItemCount); status < 0) {
         LogError(std::string("the process table cannot be opened: ") + std::strerror(-status));
         return 0;
@@ -42,30 +66,31 @@ int ProcsFullTask::Init() {
 }
 
 void ProcsFullTask::UnInit() {
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        procps_pids_unref(&reader_);
-        reader_ = nullptr;
-    }
+    procps_pids_unref(&reader_);
     Framework::Task::UnInit();
 }
 
-void ProcsFullTask::GetProcsMap(std::map<int, std::shared_ptr<ProcsMessage::procInfo>>& processes) {
+void ProcsFullTask::GetProcsMap(
+    std::map<int, std::shared_ptr<ProcsMessage::procInfo>>& processes) {
     processes.clear();
-    const std::lock_guard<std::mutex> lock(mutex_);
-    pids_fetch* table =
-        reader_ == nullptr ? nullptr : procps_pids_reap(reader_, PIDS_FETCH_TASKS_ONLY);
-    if (table == nullptr) {
-        LogError("the process table cannot be read");
-        return;
+    const auto request = std::make_shared<ProcsRequest>();
+    std::future<ProcsMap> answer = request->Answer();
+    std::shared_ptr<Framework::Message> message = request;
+    Framework::EnqueueResult result = Framework::EnqueueResult::kFull;
+    while (result == Framework::EnqueueResult::kFull) {
+        result = EnqueueMsg(message);
     }
-    for (int i = 0; i < table->counts->total; ++i) {
-        const pids_stack* stack = table->stacks[i];
-        auto process = std::make_shared<ProcsMessage::procInfo>();
-        process->pid = PIDS_VAL(kPid, s_int, stack, reader_);
-        process->name = PIDS_VAL(kName, str, stack, reader_);
-        const int pid = process->pid;
-        processes.emplace(pid, std::move(process));
+    if (result == Framework::EnqueueResult::kQueued) {
+        processes = answer.get();
+    }
+    if (processes.empty()) {
+        LogError("the process table cannot be read");
+    }
+}
+
+void ProcsFullTask::HandleMsg(const Framework::Message* message) {
+    if (const auto* request = dynamic_cast<const ProcsRequest*>(message)) {
+        request->Give(ReadTable(reader_));
     }
 }
 

@@ -2,7 +2,6 @@
 
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "framework/AbstractMessageReceiver.h"
@@ -20,7 +19,8 @@ struct ProcsMessage::procInfo {
 
 // The host's process table for other tasks, under the name "procs_full_task". It follows no policy
 // and has no period: the table is read when somebody asks, so it is never old and an idle agent
-// never walks /proc.
+// never walks /proc. It is read on this task's thread alone: libproc2 keeps buffers for each thread
+// that ever used it, and other tasks' threads come and go with their policies.
 class ProcsFullTask : public Framework::Task {
 public:
     ProcsFullTask();
@@ -30,16 +30,17 @@ public:
     void UnInit() override;
 
     // Fills `processes`, keyed by process id, with the table as it is now; leaves it empty, with
-    // an error line, when it cannot be read. Any thread, one at a time. Virtual, so that other
-    // modules can call it without being linked to this one.
+    // an error line, when it cannot be read. Waits for the answer; any thread but this task's.
+    // Virtual, so that other modules can call it without being linked to this one.
     virtual void GetProcsMap(std::map<int, std::shared_ptr<ProcsMessage::procInfo>>& processes);
 
+    void HandleMsg(const Framework::Message* message) override;
+
 protected:
-    ~ProcsFullTask() override;
+    ~ProcsFullTask() override = default;
 
 private:
-    std::mutex mutex_;
-    pids_info* reader_ = nullptr;  // guarded by mutex_
+    pids_info* reader_ = nullptr;
 };
 
 }  // namespace Engine
