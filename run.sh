@@ -85,10 +85,16 @@ watchpost now runs on this machine, as root and in the foreground; Ctrl-C stops 
 
 TEXT
 "${as_root[@]}" mkdir -p "$home/conf" "$home/log"
-# Ctrl-C reaches the agent by itself; this shell waits for its orderly stop.
-trap : INT
-status=0
 "${as_root[@]}" build/release/bin/watchpost --module-dir="$PWD/build/release/module" \
-    --policy-dir="$policies" --log-dir="$home/log" "$@" || status=$?
+    --policy-dir="$policies" --log-dir="$home/log" "$@" &
+agent=$!
+# However this script is told to stop, it stops the agent in order and waits for it.
+trap '"${as_root[@]}" kill -TERM "$agent"' INT TERM
+status=0
+wait "$agent" || status=$?
+while kill -0 "$agent" 2>/dev/null; do
+    status=0
+    wait "$agent" || status=$?
+done
 echo "watchpost ended with status $status; its log is $home/log/watchpost.log"
 exit "$status"

@@ -15,7 +15,9 @@
 
 namespace {
 
-constexpr std::size_t kMaxPolicySize = 10485760;
+constexpr std::size_t kMaxPolicySize = 1 << 20;
+// The watcher sees neither the targets of links nor a directory put in this one's place.
+constexpr long kRescanMs = 10000;
 // A writer's pause between two writes, and how long a busy directory may hold delivery up.
 constexpr long kQuietMs = 200;
 constexpr int kMaxQuietRounds = 10;
@@ -49,8 +51,9 @@ void PolicyDirectory::OnEvent(const Poco::DirectoryWatcher::DirectoryEvent& /*ev
 void PolicyDirectory::Run() {
     while (!stopping_) {
         Scan();
-        changed_.wait();
-        WaitUntilQuiet();
+        if (changed_.tryWait(kRescanMs)) {
+            WaitUntilQuiet();
+        }
     }
 }
 

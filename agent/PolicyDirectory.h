@@ -13,7 +13,8 @@
 // The policy files of a directory. On a thread of its own, the policy thread, every `*.json` is
 // delivered once in name order, and again whenever its content has changed or it has reappeared.
 // A removed file is forgotten, nothing else. A writer that does not rename its file into place is
-// given time to finish: the directory must have been quiet for a moment.
+// given time to finish: the directory must have been quiet for a moment. Apart from events it is
+// scanned every ten seconds.
 class PolicyDirectory {
 public:
     // Called on the policy thread with the file's name and its whole content.

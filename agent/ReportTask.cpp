@@ -67,10 +67,11 @@ void ReportTask::HandleMsg(const Framework::Message* message) {
                                    " cannot be written, trying again: " + std::strerror(errno));
             failing_ = true;
         }
-        if (isCancelled() || sleep(kRetryMs)) {
+        if (isCancelled()) {
             ++lost_;
             return;
         }
+        sleep(kRetryMs);  // a stop ends it, for the last try
     }
     if (failing_) {
         Framework::Log().information("report file " + path_ + " is written again");

@@ -5,6 +5,8 @@
 #include <Poco/Util/HelpFormatter.h>
 #include <Poco/Util/Option.h>
 #include <Poco/Util/OptionCallback.h>
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -13,6 +15,7 @@
 #include <iostream>
 #include <sstream>
 
+#include "agent/Daemon.h"
 #include "agent/PolicyDirectory.h"
 #include "agent/ReportTask.h"
 #include "agent/Signals.h"
@@ -86,8 +89,8 @@ void Watchpost::OnVersion(const std::string& /*name*/, const std::string& /*valu
 
 void Watchpost::initialize(Poco::Util::Application& self) {
     ServerApplication::initialize(self);
-    // A daemon's working directory is "/" from here on: paths given relative to the caller's
-    // directory are resolved while it still holds.
+    // A daemon's working directory will be "/": paths given relative to the caller's directory are
+    // resolved while it still holds.
     for (const char* const key :
          {"config.file", "module.dir", "policy.dir", "log.dir", "report.file"}) {
         if (config().hasProperty(key)) {
@@ -145,6 +148,18 @@ std::string Watchpost::Directory(const std::string& key, const std::string& othe
     return path;
 }
 
+void Watchpost::LockDirectory() {
+    const std::string directory = Directory("log.dir", std::string(kHome) + "/log");
+    // Open, and so locked, until the process ends.
+    const int lock = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (lock < 0 || flock(lock, LOCK_EX | LOCK_NB) != 0) {
+        throw StartError{EXIT_TEMPFAIL,
+                         "log.dir " + directory +
+                             (errno == EWOULDBLOCK ? ": another watchpost runs with it"
+                                                   : std::string(": ") + std::strerror(errno))};
+    }
+}
+
 void Watchpost::OpenLog() {
     const std::string directory = Directory("log.dir", std::string(kHome) + "/log");
     try {
@@ -176,9 +191,9 @@ int Watchpost::Serve() {
     LoadConfiguration(home + "/conf/watchpost.properties");
     const std::string module_dir = Directory("module.dir", home + "/module");
     const std::string policy_dir = Directory("policy.dir", home + "/policy");
+    LockDirectory();
     OpenLog();
     LimitCpu();
-    Signals::Install();
 
     // The report task comes first and goes last: whatever is sent has a receiver.
     Poco::AutoPtr<ReportTask> report(new ReportTask(config().getString(
@@ -194,9 +209,11 @@ int Watchpost::Serve() {
     const PolicyDirectory policies(policy_dir, [this](const auto& name, const auto& content) {
         DeliverPolicy(kPolicyType, name, content);
     });
+    Daemon::Started();
     while (Signals::Wait() == Signals::Request::kReopen) {
         report->Reopen();
     }
     Framework::Log().information("watchpost stops");
+    RefuseTasks();
     return EXIT_OK;
 }

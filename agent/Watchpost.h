@@ -27,6 +27,8 @@ private:
     void OnHelp(const std::string& name, const std::string& value);
     void OnVersion(const std::string& name, const std::string& value);
     void LoadConfiguration(const std::string& path);
+    // Keeps a second agent away from the log and the reports of this one.
+    void LockDirectory();
     void OpenLog();
     void LimitCpu();
     std::string Directory(const std::string& key, const std::string& otherwise);

@@ -50,6 +50,9 @@ Poco::AutoPtr<Task> Engine::FindTask(const std::string& name) {
 }
 
 bool Engine::StartTask(Poco::AutoPtr<Task> task) {
+    if (stopping_) {
+        return false;
+    }
     const std::string name = task->name();
     auto running = std::make_unique<RunningTask>();
     running->task = task;
@@ -62,7 +65,13 @@ bool Engine::StartTask(Poco::AutoPtr<Task> task) {
             return false;
         }
     }
-    thread.start(*task);
+    try {
+        thread.start(*task);
+    } catch (...) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        tasks_.erase(name);
+        throw;
+    }
     if (task->WaitForInit()) {
         return true;
     }
@@ -71,14 +80,10 @@ bool Engine::StartTask(Poco::AutoPtr<Task> task) {
     return false;
 }
 
-void Engine::RequestStop(const std::string& name) {
+void Engine::StopTask(const std::string& name) {
     if (Poco::AutoPtr<Task> task = FindTask(name)) {
         task->RequestStop();
     }
-}
-
-void Engine::StopTask(const std::string& name) {
-    RequestStop(name);
     RunningTask* running = nullptr;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
@@ -153,10 +158,7 @@ void Engine::DeliverPolicy(const std::string& type, const std::string& key,
 }
 
 void Engine::StopModules() {
-    for (auto& module : modules_) {
-        module->RequestStop();
-    }
-    // In reverse order of loading: a module may use those before it.
+    // In reverse order of loading: a module's tasks may use those of modules before it.
     for (auto module = modules_.rbegin(); module != modules_.rend(); ++module) {
         Try(std::string("module ") + (*module)->name() + " did not stop in order",
             [&] { (*module)->UnInit(); });

@@ -4,6 +4,7 @@
 #include <Poco/Thread.h>
 #include <Poco/Util/ServerApplication.h>
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -31,11 +32,10 @@ public:
     Poco::AutoPtr<Task> FindTask(const std::string& name);
 
     // Gives the task its thread and waits for its Init. False, with an error line, when Init
-    // fails or a task of that name runs already; the task is then gone.
+    // fails or a task of that name runs already, and without one at a stop; the task is then gone.
     bool StartTask(Poco::AutoPtr<Task> task);
-    // Asks the task to stop; returns at once. Unknown names are ignored.
-    void RequestStop(const std::string& name);
-    // Stops the task and waits until it has ended. Not to be called on a task's thread.
+    // Stops the task and waits until it has ended. Unknown names are ignored. Not to be called on a
+    // task's thread.
     void StopTask(const std::string& name);
 
     // Logs an error line, the first time for each name. Any thread.
@@ -47,7 +47,9 @@ public:
     void LoadModules(const std::string& directory);
     // Hands a document to each module with a callback for `type`; one thread at a time.
     void DeliverPolicy(const std::string& type, const std::string& key, const std::string& text);
-    // Ends the tasks of all modules together, then the modules one by one.
+    // From here on no task starts, so that a delivery in progress ends without one. Any thread.
+    void RefuseTasks() { stopping_ = true; }
+    // Ends the modules one by one, each with its tasks.
     void StopModules();
 
 private:
@@ -58,6 +60,7 @@ private:
 
     void LoadModule(const std::string& path);
 
+    std::atomic<bool> stopping_{false};
     std::vector<Poco::AutoPtr<Module>> modules_;
     std::mutex mutex_;  // guards the two below
     std::map<std::string, std::unique_ptr<RunningTask>> tasks_;

@@ -25,10 +25,10 @@ void Module::UnInit() {
 Policy* Module::RefreshPolicy(const std::string& type, const std::string& key,
                               const std::string& text, Policy*& current) {
     const auto found = features_.find(type);
-    if (found == features_.end() || found->second.callback == nullptr) {
+    if (found == features_.end() || found->second.callback == nullptr ||
+        found->second.callback->withdrawn) {
         return nullptr;
     }
-    found->second.callback->delivered = true;
     return found->second.callback->invoke(key, text, current);
 }
 
@@ -113,30 +113,15 @@ std::string Module::Refusal(const FeaturePolicy& policy) const {
     return {};
 }
 
-void Module::RequestStop() {
-    for (const auto& [type, feature] : features_) {
-        for (const auto& task : feature.tasks) {
-            Engine::Instance().RequestStop(task);
-        }
-    }
-    for (const auto& task : own_tasks_) {
-        Engine::Instance().RequestStop(task);
-    }
-}
-
 void Module::RegisterPolicyCallback(const std::string& type, AbstractPolicyCallback* callback) {
     features_[type].callback.reset(callback);
 }
 
 void Module::UnRegisterPolicyCallback(const std::string& type) {
     const auto found = features_.find(type);
-    if (found == features_.end()) {
-        return;
+    if (found != features_.end() && found->second.callback != nullptr) {
+        found->second.callback->withdrawn = true;
     }
-    if (found->second.callback != nullptr && !found->second.callback->delivered) {
-        Log().information("module " + name_ + " never got a policy");
-    }
-    found->second.callback.reset();
 }
 
 void Module::RegisterTask(Task* task, bool start_now) {

@@ -37,9 +37,6 @@ public:
     // error line or by the callback, changes nothing that runs. Returns when the change is done.
     void DeliverPolicy(const std::string& type, const std::string& key, const std::string& text);
 
-    // Asks every task of the module to stop; returns at once.
-    void RequestStop();
-
 protected:
     // A document of `type` from now on goes to `callback`, which the module then owns. A null
     // callback gets no documents.

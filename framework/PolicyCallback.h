@@ -17,9 +17,8 @@ public:
     virtual Policy* invoke(const std::string& key, const std::string& text,
                            Policy*& current) const = 0;
 
-    // Set by the module with the first document; tells a feature that never got one from a
-    // feature whose documents were all refused.
-    bool delivered = false;
+    // Set when the module withdraws it: it gets no more documents, and lives as long as the module.
+    bool withdrawn = false;
 };
 
 // Calls a member operation of a module.

@@ -50,6 +50,8 @@ void Task::runTask() {
     init_done_.set();
     if (!run) {
         queue_.Close();
+        while (queue_.Pop(Clock::now()) != nullptr) {  // whoever waits for an answer learns of it
+        }
         return;
     }
 

@@ -186,7 +186,7 @@ private:
 };
 
 TEST(PolicyDirectory, DeliversInNameOrderAndStepsOverWhatItCannotRead) {
-    constexpr std::uintmax_t kLimit = 10485760;
+    constexpr std::uintmax_t kLimit = 1048576;
     WatchedFolder folder;
     WriteText(folder / "z.json", "last");
     WriteText(folder / "a.json", "first");
@@ -366,7 +366,7 @@ TEST_F(Program, DeliversReopensAndStopsInOrder) {
     for (int i = 1; i < 20 && !fs::exists(path); ++i) {
         expected.push_back(std::to_string(i));
         WriteText(home_ / "policy/p.json", expected.back());
-        EXPECT_TRUE(Await([&] { return all() == expected; }));
+        ASSERT_TRUE(Await([&] { return all() == expected; })) << testing::PrintToString(all());
     }
     EXPECT_TRUE(fs::exists(path));
     kill(process, SIGTERM);

@@ -41,9 +41,9 @@ TEST(JsonUtils, RefusesWhatIsNotStrictJson) {
         R"(|{"x":{"a":1,"\u0061":2}})",
         "|");
     std::vector<std::string> cases(lines.begin(), lines.end());
-    cases.insert(cases.end(), {"//\n1", "\f1", "\xFE\xFF", std::string("{}\0", 3),
-                               std::string("\0{}", 3), Nested(1001, ""),
-                               std::string(100000, '['), Nested(100000, "1")});
+    cases.insert(cases.end(),
+                 {"//\n1", "\f1", "\xFE\xFF", std::string("{}\0", 3), std::string("\0{}", 3),
+                  Nested(1001, ""), std::string(100000, '['), Nested(100000, "1")});
     Json::Value value = "kept";
     for (const std::string& text : cases) {
         EXPECT_EQ(ParseJsonStr(text.data(), text.size(), value), EINVAL) << text.substr(0, 60);

@@ -1,8 +1,10 @@
 #include "module/module_procs/src/ProcsFullTask.h"
 
+#include <Poco/Exception.h>
 #include <libproc2/pids.h>
 
 #include <cstring>
+#include <exception>
 #include <future>
 #include <utility>
 
@@ -39,7 +41,7 @@ ProcsMap ReadTable(pids_info* reader) {
     ProcsMap processes;
     const pids_fetch* table = procps_pids_reap(reader, PIDS_FETCH_TASKS_ONLY);
     if (table == nullptr) {
-        return processes;
+        throw Poco::SystemException("libproc2");
     }
     for (int i = 0; i < table->counts->total; ++i) {
         const pids_stack* stack = table->stacks[i];
@@ -70,21 +72,19 @@ void ProcsFullTask::UnInit() {
     Framework::Task::UnInit();
 }
 
-void ProcsFullTask::GetProcsMap(
-    std::map<int, std::shared_ptr<ProcsMessage::procInfo>>& processes) {
+void ProcsFullTask::GetProcsMap(std::map<int, std::shared_ptr<ProcsMessage::procInfo>>& processes) {
     processes.clear();
-    const auto request = std::make_shared<ProcsRequest>();
+    auto request = std::make_shared<ProcsRequest>();
     std::future<ProcsMap> answer = request->Answer();
-    std::shared_ptr<Framework::Message> message = request;
-    Framework::EnqueueResult result = Framework::EnqueueResult::kFull;
-    while (result == Framework::EnqueueResult::kFull) {
-        result = EnqueueMsg(message);
+    std::shared_ptr<Framework::Message> message = std::move(request);
+    while (EnqueueMsg(message) == Framework::EnqueueResult::kFull) {
     }
-    if (result == Framework::EnqueueResult::kQueued) {
+    // The queue's reference is the last one: a request that is dropped unanswered ends the wait.
+    message.reset();
+    try {
         processes = answer.get();
-    }
-    if (processes.empty()) {
-        LogError("the process table cannot be read");
+    } catch (const std::exception& e) {
+        LogError(std::string("the process table cannot be read: ") + e.what());
     }
 }
 

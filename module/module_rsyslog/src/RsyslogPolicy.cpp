@@ -51,6 +51,8 @@ bool RsyslogTaskPolicy::Parse(const std::string& text) {
 
 RsyslogPolicy::RsyslogPolicy(const std::string& feature_name)
     : Framework::FeaturePolicy(feature_name) {
+    settings_.need_rewrite = true;
+    settings_.tchar_filter = true;
     const std::string log_dir = SDK::LoggerUtils::GetInstance()->GetLogPath();
     settings_.history_log_path = log_dir + "/watchpost_bash_history.log";
     settings_.last_login_log_path = log_dir + "/watchpost_last_login.log";

@@ -44,12 +44,12 @@ public:
         bool is_syslogng = false;         // run time: syslog-ng was found running
         bool reserved_flag = false;
         bool get_history = false;
-        bool need_rewrite = true;  // run time: the daemon's configuration must be written
+        bool need_rewrite = false;  // run time: the daemon's configuration must be written
         bool get_lastlog = false;
         bool up_lastlog = false;
         bool up_history = false;
-        bool tchar_filter = true;  // drop commands that end in three tabs
-        std::string server_type;   // "tcp" or "udp"
+        bool tchar_filter = false;  // drop commands that end in three tabs
+        std::string server_type;    // "tcp" or "udp"
         std::string history_log_path;
         std::string last_login_log_path;
         std::list<path_port> log_path;

@@ -106,7 +106,7 @@ protected:
     int GetServiceBalanceCount(int count);
 
     // Brings the servers of every forwarded file up to date; true when the daemon's configuration
-    // must be written again.
+    // must be written again. A stop ends it between two probes, with false.
     bool CheckSyslogNeedRewrite();
 
     // rsyslog's include directory, with its trailing slash, into `out` of `size` bytes. False when

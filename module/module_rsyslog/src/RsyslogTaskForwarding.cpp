@@ -33,10 +33,10 @@ const char* const kIncludeDirectives[] = {"$IncludeConfig", "include(file=\""};
 constexpr std::size_t kDirectiveLength = 14;  // of both
 
 // Runs a command through the shell; its status is not of interest. A daemon that it restarts must
-// not keep the agent's log or sockets open.
-void RunCommand(const char* command) {
+// not keep the agent's log or sockets open, nor take over its tight umask.
+void RunCommand(const std::string& command) {
     close_range(3, ~0U, CLOSE_RANGE_CLOEXEC);
-    [[maybe_unused]] const int status = std::system(command);
+    [[maybe_unused]] const int status = std::system(("umask 022; " + command).c_str());
 }
 
 // The first line of a rsyslog configuration that includes others, from behind its directive;
@@ -170,7 +170,7 @@ void RsyslogTask::CleanUnreachableIp(bool check, path_port& entry, bool& changed
     if (!check) {
         return;
     }
-    for (auto server = entry.servers.begin(); server != entry.servers.end();) {
+    for (auto server = entry.servers.begin(); server != entry.servers.end() && !isCancelled();) {
         if (CheckIpReachable(*server, entry.port)) {
             ++server;
             continue;
@@ -209,6 +209,9 @@ bool RsyslogTask::CheckSyslogNeedRewrite() {
     for (path_port& entry : rsyslog_policy.log_path) {
         RSYSLOG_LOG(PRIO_TRACE, "check path %s", entry.path);
         CleanUnreachableIp(check, entry, changed);
+        if (isCancelled()) {
+            return false;  // probing takes seconds a server; half a list is not written
+        }
         std::vector<std::string>& servers = entry.servers;
         if (!servers.empty() && rsyslog_policy.server_balance) {
             continue;  // keeps its one server while that survives
@@ -216,6 +219,9 @@ bool RsyslogTask::CheckSyslogNeedRewrite() {
         for (const std::string& address : rsyslog_policy.server) {
             if (std::find(servers.begin(), servers.end(), address) != servers.end()) {
                 continue;
+            }
+            if (isCancelled()) {
+                return false;
             }
             if (check && !CheckIpReachable(address, entry.port)) {
                 RSYSLOG_LOG(PRIO_INFORMATION, "new server %s:%s unreachable", address, entry.port);
