@@ -83,10 +83,6 @@ bool ReportTask::Append(const std::string& line) {
     if ((file_ < 0 || reopen_.exchange(false)) && !Open()) {
         return false;
     }
-    struct stat before = {};
-    if (fstat(file_, &before) != 0) {
-        return false;
-    }
     const std::string text = torn_ ? "\n" + line : line;
     const ssize_t written = write(file_, text.data(), text.size());
     if (written == static_cast<ssize_t>(text.size())) {
@@ -95,7 +91,8 @@ bool ReportTask::Append(const std::string& line) {
     }
     if (written > 0) {
         // Half a line would join with the next attempt's. This task is the file's only writer.
-        torn_ = ftruncate(file_, before.st_size) != 0;
+        struct stat status = {};
+        torn_ = fstat(file_, &status) != 0 || ftruncate(file_, status.st_size - written) != 0;
         errno = ENOSPC;
     }
     return false;

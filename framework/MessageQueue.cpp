@@ -41,7 +41,10 @@ std::shared_ptr<Message> MessageQueue::Pop(Clock::time_point deadline) {
     }
     std::shared_ptr<Message> message = std::move(messages_.front());
     messages_.pop_front();
-    room_.notify_one();
+    // Not at each message: a waiting sender would be woken to send a single one.
+    if (messages_.size() <= capacity_ / 2) {
+        room_.notify_all();
+    }
     return message;
 }
 

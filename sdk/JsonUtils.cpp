@@ -7,6 +7,7 @@
 #include <exception>
 #include <memory>
 #include <new>
+#include <sstream>
 #include <string_view>
 
 #include "sdk/StringUtils.h"
@@ -89,8 +90,9 @@ int ParseJsonStr(const char* text, size_t length, Json::Value& out) {
         std::string wrapped;
         wrapped.reserve(json.size() + 2);
         wrapped.append(1, '[').append(json).append(1, ']');
-        static const Json::CharReaderBuilder kBuilder = MakeReaderBuilder();
-        const std::unique_ptr<Json::CharReader> reader(kBuilder.newCharReader());
+        // Kept, as making one costs more than parsing a short text.
+        thread_local const std::unique_ptr<Json::CharReader> reader(
+            MakeReaderBuilder().newCharReader());
         Json::Value root;
         if (!reader->parse(wrapped.data(), wrapped.data() + wrapped.size(), &root, nullptr) ||
             root.size() != 1) {
@@ -130,8 +132,12 @@ bool GetSubobjectValue(const Json::Value& value, const std::string& key, Json::V
 }
 
 std::string JsonToString(const Json::Value& value) {
-    static const Json::StreamWriterBuilder kBuilder = MakeWriterBuilder();
-    return Json::writeString(kBuilder, ToValidUtf8(value));
+    // Kept, as making one costs more than writing a short text.
+    thread_local const std::unique_ptr<Json::StreamWriter> writer(
+        MakeWriterBuilder().newStreamWriter());
+    std::ostringstream text;
+    writer->write(ToValidUtf8(value), &text);
+    return text.str();
 }
 
 }  // namespace SDK::JsonUtils

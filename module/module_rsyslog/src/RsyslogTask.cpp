@@ -72,6 +72,10 @@ void RsyslogTask::UnInit() {
 }
 
 void RsyslogTask::RunSyslogConf() {
+    if (rsyslog_policy.get_history) {
+        BuildHistoryLog();
+        CheckHistoryReport();
+    }
     const bool light = cycle_count >= 1 && cycle_count < kFullPassCycles;
     if (light || state() == TASK_CANCELLING) {
         ++cycle_count;

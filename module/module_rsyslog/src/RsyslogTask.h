@@ -146,6 +146,73 @@ protected:
     bool OverWriteSyslogngConf();
     bool OverWriteSyslogngReadAuditConf();
 
+    // --- RsyslogTaskHistory.cpp: users, start-up files, history files ---
+
+    // Appends to user_list each entry of /etc/passwd not yet in it, by name and home, that can log
+    // in: its shell does not begin with /bin/false or /sbin/nologin. An entry of more than 4 KiB
+    // ends the pass. Nothing is ever removed.
+    void SyslogGetUserList();
+
+    // Raises an alarm that quotes the lines of the start-up file `path` that touch the shell
+    // history, a HISTSIZE of at least 5000 apart. Reads the file, up to 10 MiB, only when its
+    // modification time has changed.
+    void CheckHistoryProfile(const user_info& user, const std::string& path);
+
+    // Takes a baseline of the file at `path`: its hash, only if `with_hash`, and its last bytes, at
+    // most 1024, zero-filled. False when it cannot be hashed or opened; `hash` may be new then.
+    bool HistorySetLogPath(std::string& hash, bool with_hash, char (&tail)[1025], const char* path);
+
+    // Appends to `lines` what the history file has gained since the baseline and moves that on;
+    // without a baseline that is the whole file. False, with nothing changed, when the file is
+    // unchanged, empty, larger than history_size MiB or 10 MiB, or cannot be read. Regular files
+    // only; a FIFO or device in its place is an error, never a wait.
+    bool HistoryTailLogs(std::vector<std::string>& lines, user_info& user);
+
+    // One pass over all users: start-up files, then new commands. Commands without a time stamp
+    // are recorded and reported at once, the others queued.
+    void BuildHistoryLog();
+
+    // --- RsyslogTaskCommands.cpp: commands, pacing, reports ---
+
+    // Whether the line is the shell's "#" with a time of 10 to 13 digits, whatever follows.
+    bool HistoryFindTimestamp(std::string line);
+
+    // Whether the command is to be dropped: it equals an entry of the white list, or ends in three
+    // tabs and tchar_filter is set.
+    bool HistoryFindWhiteCmd(const std::string& cmd);
+
+    // Makes records of the new lines of `user`. `time`: of the cycle, with its blank.
+    void ParseHistoryLog(const std::list<user_info>::iterator& user, const char* host_name,
+                         const std::string& time, const std::vector<std::string>& lines);
+
+    // Records and reports the queued commands, and empties the queue. From his_count commands on,
+    // those less than his_interval from an earlier one are left out.
+    void CheckHistoryReport();
+
+    // Reports one command, if up_history is set and none of its texts is empty.
+    void SendHistoryLogInfo(const history_info& record);
+
+    // --- RsyslogTaskRecords.cpp: time strings, record logs ---
+
+    // "YYYY-MM-DD hh:mm:ss " in local time, with the blank at its end; "0" for a time that has no
+    // calendar date.
+    std::string GetLocalTimeStr(std::int64_t seconds);
+
+    // The time between as "hh:mm:ss", after "DAYS+" from one day on; "0" when `later` is not later.
+    std::string GetSplittimeStr(std::int64_t later, std::int64_t earlier);
+
+    // The milliseconds of a shell's time-stamp line, "#" and digits: seconds below 11 digits,
+    // milliseconds from there on. 0 for a text of less than 5 characters.
+    std::int64_t LogtimeToInt(const std::string& stamp);
+
+    // Appends `text`, newline-terminated, to the file at `path`; rotates it to `path`.0 first when
+    // the write would reach the limit (history_size MiB, 0: never). False when not every byte is
+    // written; then none is. Opens and closes the file on every call.
+    bool HistoryWriteLog(std::string text, std::string path);
+
+    // Renames the file at `path` to `path`.0, replacing an earlier one.
+    void HistoryBackupLog(const std::string& path);
+
     // The settings, with the servers and the run-time flags as the cycles leave them.
     RsyslogPolicy::RSYSLOG_POLICY rsyslog_policy;
     std::list<history_info> history_list;
@@ -161,6 +228,16 @@ private:
     // The full pass: which daemon runs, and is its configuration current?
     void MaintainForwarding();
     void SendDaemonAlarm(int code);
+
+    // history_size in bytes. Counted in 32 bits: from 2048 MiB on it wraps, and what is negative
+    // then counts as very large.
+    std::uint64_t HistorySizeLimit() const;
+
+    // Both clear need_report of each queued command that is less than his_interval from an earlier
+    // one, whether that is itself suppressed or not; PaceHistory in n log n, the other pair by pair
+    // with a trace line for each. A stop leaves the rest as it is.
+    void PaceHistory();
+    void PaceHistoryByPairs();
 };
 
 }  // namespace Engine

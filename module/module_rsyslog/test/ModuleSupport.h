@@ -19,6 +19,9 @@ namespace TestSupport {
 class OpenTask : public Engine::RsyslogTask {
 public:
     using RsyslogTask::alarm_time_map;
+    using RsyslogTask::BuildHistoryLog;
+    using RsyslogTask::CheckHistoryProfile;
+    using RsyslogTask::CheckHistoryReport;
     using RsyslogTask::CheckIpReachable;
     using RsyslogTask::CheckSyslogNeedRewrite;
     using RsyslogTask::CheckSyslogRunning;
@@ -29,12 +32,20 @@ public:
     using RsyslogTask::GetIncludeConfigPath;
     using RsyslogTask::GetLocalIpList;
     using RsyslogTask::GetServiceBalanceCount;
+    using RsyslogTask::history_list;
+    using RsyslogTask::HistoryFindTimestamp;
+    using RsyslogTask::HistoryFindWhiteCmd;
+    using RsyslogTask::HistorySetLogPath;
+    using RsyslogTask::HistoryTailLogs;
+    using RsyslogTask::LogtimeToInt;
     using RsyslogTask::OverWriteSyslogngConf;
     using RsyslogTask::OverWriteSyslogngReadAuditConf;
+    using RsyslogTask::ParseHistoryLog;
     using RsyslogTask::rsyslog_conf_file;
     using RsyslogTask::rsyslog_policy;
     using RsyslogTask::RsyslogConfRewrite;
     using RsyslogTask::SendRsyslogAlarm;
+    using RsyslogTask::SyslogGetUserList;
     using RsyslogTask::SyslogServiceManage;
 };
 

@@ -1,0 +1,229 @@
+#include <regex.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <boost/algorithm/string/predicate.hpp>
+#include <memory>
+#include <set>
+#include <utility>
+
+#include "framework/Message.h"
+#include "module/module_rsyslog/src/RsyslogLog.h"
+#include "module/module_rsyslog/src/RsyslogTask.h"
+#include "module/module_rsyslog/src/RsyslogThrottle.h"
+#include "sdk/BoundedString.h"
+#include "sdk/JsonUtils.h"
+
+namespace Engine {
+
+namespace {
+
+constexpr std::size_t kHostNameSize = 256;
+constexpr std::size_t kRegexErrorSize = 1024;
+constexpr std::size_t kStampDigits = 13;  // that the pattern looks at
+
+const char* const kReportTask = "data_comm_report_task";
+const char* const kCommandType = "rsyslog_1";
+const char* const kNoStamp = "#0000011471";
+const char* const kStampPattern = "^[1-9][0-9]{9,12}";
+
+// The pattern of a time stamp, compiled. Compiled for each of five million lines it would hold the
+// cycle up, so there is one for the process.
+struct StampPattern {
+    StampPattern() : error(regcomp(&pattern, kStampPattern, REG_EXTENDED | REG_NOSUB)) {}
+    ~StampPattern() {
+        if (error == 0) {
+            regfree(&pattern);
+        }
+    }
+    StampPattern(const StampPattern&) = delete;
+    StampPattern& operator=(const StampPattern&) = delete;
+
+    regex_t pattern = {};
+    int error;
+};
+
+std::string RegexError(int error, const regex_t& pattern) {
+    char text[kRegexErrorSize] = {};
+    regerror(error, &pattern, text, sizeof(text));
+    return text;
+}
+
+std::uint64_t Distance(std::int64_t one, std::int64_t other) {
+    // Unsigned, as stamps can lie further apart than the signed type tells.
+    return one > other ? static_cast<std::uint64_t>(one) - static_cast<std::uint64_t>(other)
+                       : static_cast<std::uint64_t>(other) - static_cast<std::uint64_t>(one);
+}
+
+bool TraceIsOn() {
+    try {
+        const Poco::Logger* logger = UnitLogger();
+        return logger != nullptr && logger->trace();
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
+}  // namespace
+
+bool RsyslogTask::HistoryFindTimestamp(std::string line) {
+    if (line.empty() || line[0] != '#') {
+        return false;
+    }
+    static const StampPattern stamp;
+    if (stamp.error != 0) {
+        RSYSLOG_LOG(PRIO_ERROR, "find timestamp %s ,reg error:%s", std::string(kStampPattern),
+                    RegexError(stamp.error, stamp.pattern));
+        return false;
+    }
+    line.resize(std::min(line.size(), 1 + kStampDigits));  // the rest, maybe 10 MiB, says nothing
+    const int result = regexec(&stamp.pattern, line.c_str() + 1, 0, nullptr, 0);
+    if (result != 0 && result != REG_NOMATCH) {
+        RSYSLOG_LOG(PRIO_ERROR, "regexec error:%s.", RegexError(result, stamp.pattern));
+    }
+    return result == 0;
+}
+
+bool RsyslogTask::HistoryFindWhiteCmd(const std::string& cmd) {
+    for (const std::string& allowed : rsyslog_policy.white_list) {
+        if (cmd == allowed) {
+            RSYSLOG_LOG(PRIO_TRACE, "white cmd [%s]", cmd);
+            return true;
+        }
+    }
+    if (rsyslog_policy.tchar_filter && boost::ends_with(cmd, "\t\t\t")) {
+        RSYSLOG_LOG(PRIO_TRACE, "tchar_filter cmd [%s]", cmd);
+        return true;
+    }
+    return false;
+}
+
+void RsyslogTask::ParseHistoryLog(const std::list<user_info>::iterator& user, const char* host_name,
+                                  const std::string& time, const std::vector<std::string>& lines) {
+    const std::string prefix = time + host_name + " " + user->name + " ";
+    for (std::size_t i = 0; i < lines.size() && state() != TASK_CANCELLING; ++i) {
+        RSYSLOG_THROTTLE();
+        const std::string& line = lines[i];
+        RSYSLOG_LOG(PRIO_TRACE, "log_text is [%s]", line);
+        history_info record;
+        record.time = time;
+        record.user = user->name;
+        if (!HistoryFindTimestamp(line)) {
+            if (HistoryFindWhiteCmd(line)) {
+                continue;
+            }
+            record.stamp = kNoStamp;
+            record.cmd = line;
+            const std::string text = prefix + record.stamp + " cmd:" + record.cmd;
+            HistoryWriteLog(text, rsyslog_policy.history_log_path);
+            SendHistoryLogInfo(record);
+            RSYSLOG_LOG(PRIO_TRACE, "recordtext is : %s", text);
+            continue;
+        }
+        record.stamp = line;
+        // A stamp at the end, or before another stamp, has an empty command.
+        if (i + 1 < lines.size() && !HistoryFindTimestamp(lines[i + 1])) {
+            ++i;
+            if (HistoryFindWhiteCmd(lines[i])) {
+                continue;
+            }
+            record.cmd = lines[i];
+        }
+        history_list.push_back(record);
+        RSYSLOG_LOG(PRIO_TRACE, "recordtext is : %s", prefix + record.stamp + " cmd:" + record.cmd);
+    }
+}
+
+void RsyslogTask::CheckHistoryReport() {
+    char host_name[kHostNameSize] = {};
+    if (gethostname(host_name, sizeof(host_name) - 1) != 0) {
+        const int error = SDK::memcpy_s(host_name, sizeof(host_name), "localhost", 9);
+        if (error != 0) {
+            RSYSLOG_LOG(PRIO_ERROR, "memcpy_s failed, err %d", error);
+            return;
+        }
+    }
+    if (static_cast<std::int64_t>(history_list.size()) >= rsyslog_policy.his_count &&
+        state() != TASK_CANCELLING) {
+        // What is suppressed is the same; only the trace lines tell of every pair.
+        if (TraceIsOn()) {
+            PaceHistoryByPairs();
+        } else {
+            PaceHistory();
+        }
+    }
+    std::string text;
+    for (const history_info& record : history_list) {
+        if (state() == TASK_CANCELLING) {
+            break;
+        }
+        if (record.need_report) {
+            text += record.time + host_name + " " + record.user + " " + record.stamp +
+                    " cmd:" + record.cmd + "\n";
+            SendHistoryLogInfo(record);
+        }
+    }
+    if (!text.empty()) {
+        HistoryWriteLog(std::move(text), rsyslog_policy.history_log_path);
+    }
+    history_list.clear();
+}
+
+void RsyslogTask::PaceHistoryByPairs() {
+    const auto interval = static_cast<std::uint32_t>(rsyslog_policy.his_interval);
+    for (auto earlier = history_list.begin();
+         earlier != history_list.end() && state() != TASK_CANCELLING; ++earlier) {
+        const std::int64_t this_time = LogtimeToInt(earlier->stamp);
+        for (auto later = std::next(earlier);
+             later != history_list.end() && state() != TASK_CANCELLING; ++later) {
+            if (!later->need_report) {
+                continue;
+            }
+            const std::int64_t next_time = LogtimeToInt(later->stamp);
+            const std::uint64_t split = Distance(this_time, next_time);
+            RSYSLOG_LOG(PRIO_TRACE, "ithis_time %lu ,next_time %lu ,split_time %lu",
+                        static_cast<unsigned long>(this_time),
+                        static_cast<unsigned long>(next_time), static_cast<unsigned long>(split));
+            if (split < interval) {
+                later->need_report = false;
+                RSYSLOG_LOG(PRIO_TRACE, "not report cmd %s", later->cmd);
+            }
+        }
+    }
+}
+
+void RsyslogTask::PaceHistory() {
+    const auto interval = static_cast<std::uint32_t>(rsyslog_policy.his_interval);
+    std::set<std::int64_t> earlier;
+    for (history_info& record : history_list) {
+        if (state() == TASK_CANCELLING) {
+            return;
+        }
+        const std::int64_t time = LogtimeToInt(record.stamp);
+        // If any earlier time is near enough, one of the two neighbours is.
+        const auto above = earlier.lower_bound(time);
+        if ((above != earlier.end() && Distance(*above, time) < interval) ||
+            (above != earlier.begin() && Distance(*std::prev(above), time) < interval)) {
+            record.need_report = false;
+        }
+        earlier.insert(above, time);
+    }
+}
+
+void RsyslogTask::SendHistoryLogInfo(const history_info& record) {
+    if (!rsyslog_policy.up_history) {
+        return;
+    }
+    if (record.stamp.empty() || record.cmd.empty() || record.user.empty()) {
+        return;
+    }
+    Json::Value report;
+    report["user"] = record.user;
+    report["time"] = static_cast<Json::Int64>(LogtimeToInt(record.stamp) / 1000);
+    report["cmd"] = record.cmd;
+    const std::string message = SDK::JsonUtils::JsonToString(report);
+    RSYSLOG_LOG(PRIO_TRACE, "history message is [%s]", message);
+    SendDirectMsg(kReportTask, std::make_shared<Framework::DataMessage>(kCommandType, message));
+}
+
+}  // namespace Engine
