@@ -83,6 +83,9 @@ void RsyslogTask::RunSyslogConf() {
         cycle_count = 1;
         MaintainForwarding();
     }
+    if (rsyslog_policy.get_lastlog && cycle_count % 2 == 0) {
+        BuildLastInfo();
+    }
 }
 
 void RsyslogTask::MaintainForwarding() {

@@ -46,6 +46,13 @@ struct utmp_info {
     std::int64_t login_time = 0;   // seconds since the epoch
     std::int64_t logout_time = 0;  // 0: open
     bool pending = true;           // has news not yet reported
+
+    // The same record of the file, whatever became of it since.
+    bool operator==(const utmp_info& other) const {
+        return login_time == other.login_time && type == other.type && pid == other.pid &&
+               session == other.session && line == other.line && user == other.user &&
+               host == other.host;
+    }
 };
 
 // The module's worker. Each Run is one cycle on the task's own thread, and all work happens there:
@@ -213,13 +220,36 @@ protected:
     // Renames the file at `path` to `path`.0, replacing an earlier one.
     void HistoryBackupLog(const std::string& path);
 
+    // --- RsyslogTaskLogin.cpp: login records ---
+
+    // Selects the accounting file `path` (null: /var/run/utmp) for reading and returns 0 with
+    // utmp_mutex held until UtmpEndutent, or what failed, unlocked. That the file is missing shows
+    // in the first read. Both throw Poco::SystemException when the mutex fails.
+    int UtmpSetutent(const char* path);
+    void UtmpEndutent();
+
+    // Reads the logins, logouts and boots of /var/log/wtmp that are not in utmp_list yet, and
+    // appends them to it and, from empty, to `new_records`. What is no regular file holds none. A
+    // torn record at the end is left for later, and so is all behind the point where another
+    // process keeps the file locked for 10 s, or where the task is asked to stop.
+    void ReadLastAllinfo(std::vector<utmp_info>& new_records);
+
+    // Closes the open logins of utmp_list that the logouts and boots of `new_records` end.
+    void ParseEveryUtmp(const std::vector<utmp_info>& new_records);
+
+    // The login step of a cycle: a record line and a report for each login with news.
+    void BuildLastInfo();
+
+    // Reports a login, unless up_lastlog is off.
+    void SendLastLogInfo(const utmp_info& record);
+
     // The settings, with the servers and the run-time flags as the cycles leave them.
     RsyslogPolicy::RSYSLOG_POLICY rsyslog_policy;
     std::list<history_info> history_list;
     std::int32_t cycle_count = 0;  // cycles since the last full pass
     std::string rsyslog_conf_file;
-    std::vector<utmp_info> utmp_list;
-    Poco::FastMutex utmp_mutex;  // the C library's accounting cursor is one for the process
+    std::vector<utmp_info> utmp_list;  // every login record so far, in reading order
+    Poco::FastMutex utmp_mutex;        // the C library's accounting cursor is one for the process
     // Alarm keys ("user:...") with the time of the last alarm, and paths of start-up files with
     // their modification time; seconds since the epoch.
     std::map<std::string, std::int64_t> alarm_time_map;
@@ -238,6 +268,16 @@ private:
     // with a trace line for each. A stop leaves the rest as it is.
     void PaceHistory();
     void PaceHistoryByPairs();
+
+    // The places of the open logins in utmp_list; cut short when the task is asked to stop.
+    std::vector<std::size_t> FindOpenLogins() const;
+    // The times of a login as record line and report show them; "0" for an end yet to come.
+    struct SessionTexts {
+        std::string start;
+        std::string end;
+        std::string duration;
+    };
+    SessionTexts DescribeSession(const utmp_info& login);
 };
 
 }  // namespace Engine

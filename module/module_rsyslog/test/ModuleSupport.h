@@ -20,6 +20,7 @@ class OpenTask : public Engine::RsyslogTask {
 public:
     using RsyslogTask::alarm_time_map;
     using RsyslogTask::BuildHistoryLog;
+    using RsyslogTask::BuildLastInfo;
     using RsyslogTask::CheckHistoryProfile;
     using RsyslogTask::CheckHistoryReport;
     using RsyslogTask::CheckIpReachable;
@@ -31,22 +32,33 @@ public:
     using RsyslogTask::GenerateRsyslogConfContent;
     using RsyslogTask::GetIncludeConfigPath;
     using RsyslogTask::GetLocalIpList;
+    using RsyslogTask::GetLocalTimeStr;
     using RsyslogTask::GetServiceBalanceCount;
+    using RsyslogTask::GetSplittimeStr;
     using RsyslogTask::history_list;
+    using RsyslogTask::HistoryBackupLog;
     using RsyslogTask::HistoryFindTimestamp;
     using RsyslogTask::HistoryFindWhiteCmd;
     using RsyslogTask::HistorySetLogPath;
     using RsyslogTask::HistoryTailLogs;
+    using RsyslogTask::HistoryWriteLog;
     using RsyslogTask::LogtimeToInt;
     using RsyslogTask::OverWriteSyslogngConf;
     using RsyslogTask::OverWriteSyslogngReadAuditConf;
+    using RsyslogTask::ParseEveryUtmp;
     using RsyslogTask::ParseHistoryLog;
+    using RsyslogTask::ReadLastAllinfo;
     using RsyslogTask::rsyslog_conf_file;
     using RsyslogTask::rsyslog_policy;
     using RsyslogTask::RsyslogConfRewrite;
+    using RsyslogTask::SendLastLogInfo;
     using RsyslogTask::SendRsyslogAlarm;
     using RsyslogTask::SyslogGetUserList;
     using RsyslogTask::SyslogServiceManage;
+    using RsyslogTask::utmp_list;
+    using RsyslogTask::utmp_mutex;
+    using RsyslogTask::UtmpEndutent;
+    using RsyslogTask::UtmpSetutent;
 };
 
 using OpenTaskPtr = Poco::AutoPtr<OpenTask>;
