@@ -64,7 +64,7 @@ fi
 if ! $host; then
     script/bootstrap
     script/build release
-    exec test/sandbox script/demo "${daemon:-rsyslog}"
+    exec test/sandbox demo/run "${daemon:-rsyslog}"
 fi
 
 script/bootstrap build
