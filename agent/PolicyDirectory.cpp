@@ -7,6 +7,7 @@
 #include <Poco/Path.h>
 
 #include <cstring>
+#include <exception>
 #include <set>
 #include <utility>
 
@@ -38,10 +39,14 @@ PolicyDirectory::PolicyDirectory(const std::string& path, Deliver deliver)
 }
 
 PolicyDirectory::~PolicyDirectory() {
-    watcher_.reset();
-    stopping_ = true;
-    changed_.set();
-    thread_.join();
+    try {
+        watcher_.reset();
+        stopping_ = true;
+        changed_.set();
+        thread_.join();
+    } catch (const std::exception&) {
+        // Poco's words for a thread that is not there: nothing to wait for.
+    }
 }
 
 void PolicyDirectory::OnEvent(const Poco::DirectoryWatcher::DirectoryEvent& /*event*/) {

@@ -22,6 +22,7 @@ class AbstractMessageReceiver {
 public:
     virtual void FileNotifyMessageAction(FileNotifyMessage* /*message*/) {}
     virtual void ProcsMessageAction(int /*action*/, unsigned int /*sequence*/,
+                                    // NOLINTNEXTLINE(performance-unnecessary-value-param)
                                     std::shared_ptr<ProcsMessage::procInfo> /*process*/) {}
     virtual void AssetMessageAction(
         unsigned int /*sequence*/,

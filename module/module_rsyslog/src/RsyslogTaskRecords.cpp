@@ -90,6 +90,7 @@ std::int64_t RsyslogTask::LogtimeToInt(const std::string& stamp) {
     return stamp.size() - skipped < kMillisecondDigits ? value * 1000 : value;
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): both by value, as callers know it
 bool RsyslogTask::HistoryWriteLog(std::string text, std::string path) {
     if (path.empty() || text.empty()) {
         RSYSLOG_LOG(PRIO_ERROR, "log path or log empty.");
