@@ -5,7 +5,9 @@
 #include <Poco/Exception.h>
 #include <Poco/File.h>
 #include <Poco/Path.h>
+#include <sys/stat.h>
 
+#include <chrono>
 #include <cstring>
 #include <exception>
 #include <set>
@@ -17,22 +19,35 @@
 namespace {
 
 constexpr std::size_t kMaxPolicySize = 1 << 20;
-// The watcher sees neither the targets of links nor a directory put in this one's place.
-constexpr long kRescanMs = 10000;
 // A writer's pause between two writes, and how long a busy directory may hold delivery up.
 constexpr long kQuietMs = 200;
 constexpr int kMaxQuietRounds = 10;
+// The watcher sees neither the targets of links nor a directory put in this one's place, and it
+// begins to watch some time after it is made.
+constexpr long kRescanMs = 5000;
+
+// Whether the file was written to a moment ago, so that more may follow.
+bool IsFresh(const std::string& path) {
+    struct stat status = {};
+    if (stat(path.c_str(), &status) != 0) {
+        return false;
+    }
+    const auto modified = std::chrono::seconds(status.st_mtim.tv_sec) +
+                          std::chrono::nanoseconds(status.st_mtim.tv_nsec);
+    const auto age = std::chrono::system_clock::now().time_since_epoch() - modified;
+    return age >= std::chrono::nanoseconds(0) && age < std::chrono::milliseconds(kQuietMs);
+}
 
 }  // namespace
 
 PolicyDirectory::PolicyDirectory(const std::string& path, Deliver deliver)
     : path_(path), deliver_(std::move(deliver)) {
-    // Watched before the first scan, so that no change falls between the two.
     watcher_ = std::make_unique<Poco::DirectoryWatcher>(path);
     watcher_->itemAdded += Poco::delegate(this, &PolicyDirectory::OnEvent);
     watcher_->itemModified += Poco::delegate(this, &PolicyDirectory::OnEvent);
     watcher_->itemRemoved += Poco::delegate(this, &PolicyDirectory::OnEvent);
     watcher_->itemMovedFrom += Poco::delegate(this, &PolicyDirectory::OnEvent);
+    watcher_->scanError += Poco::delegate(this, &PolicyDirectory::OnError);
     watcher_->itemMovedTo += Poco::delegate(this, &PolicyDirectory::OnEvent);
     thread_.setName("policy");
     thread_.startFunc([this] { Run(); });
@@ -47,6 +62,11 @@ PolicyDirectory::~PolicyDirectory() {
     } catch (const std::exception&) {
         // Poco's words for a thread that is not there: nothing to wait for.
     }
+}
+
+void PolicyDirectory::OnError(const Poco::Exception& error) {
+    Framework::Log().error("policy directory " + path_ +
+                           " is not watched, only scanned: " + error.displayText());
 }
 
 void PolicyDirectory::OnEvent(const Poco::DirectoryWatcher::DirectoryEvent& /*event*/) {
@@ -86,6 +106,10 @@ void PolicyDirectory::Scan() {
     for (const auto& name : names) {
         if (stopping_) {
             return;
+        }
+        if (IsFresh(path_ + "/" + name)) {
+            changed_.set();
+            continue;
         }
         std::string content;
         const int status = SDK::FileUtils::ReadFile(path_ + "/" + name, content, kMaxPolicySize);

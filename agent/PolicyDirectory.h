@@ -14,7 +14,7 @@
 // delivered once in name order, and again whenever its content has changed or it has reappeared.
 // A removed file is forgotten, nothing else. A writer that does not rename its file into place is
 // given time to finish: the directory must have been quiet for a moment. Apart from events it is
-// scanned every ten seconds.
+// scanned every five seconds.
 class PolicyDirectory {
 public:
     // Called on the policy thread with the file's name and its whole content.
@@ -27,6 +27,7 @@ public:
 
 private:
     void OnEvent(const Poco::DirectoryWatcher::DirectoryEvent& event);
+    void OnError(const Poco::Exception& error);
     void Run();
     void WaitUntilQuiet();
     void Scan();

@@ -50,9 +50,22 @@ bool ReportTask::Open() {
     if (file_ >= 0) {
         close(file_);
     }
-    // Non-blocking, so that a pipe without a reader in its place is an error, not a hang.
-    file_ = open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0640);
-    return file_ >= 0;
+    // Non-blocking, so that a pipe in its place is an error, not a hang.
+    file_ = open(path_.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0640);
+    struct stat status = {};
+    if (file_ < 0 || fstat(file_, &status) != 0) {
+        return false;
+    }
+    if (!S_ISREG(status.st_mode)) {
+        close(file_);
+        file_ = -1;
+        errno = EINVAL;
+        return false;
+    }
+    // A crash may have left half a line.
+    char last = '\n';
+    torn_ = status.st_size > 0 && pread(file_, &last, 1, status.st_size - 1) == 1 && last != '\n';
+    return true;
 }
 
 void ReportTask::HandleMsg(const Framework::Message* message) {

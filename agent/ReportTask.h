@@ -18,7 +18,8 @@ public:
 
     explicit ReportTask(const std::string& path);
 
-    // Opens the report file, creating it with mode 0640; false when that fails. Before the start.
+    // Opens the report file, a regular one, creating it with mode 0640; false, with errno set, when
+    // that fails. Before the start.
     bool Open();
     // Opens the file anew before the next line, so that it can be rotated away. Any thread.
     void Reopen() { reopen_ = true; }

@@ -5,6 +5,7 @@
 #include <Poco/Util/HelpFormatter.h>
 #include <Poco/Util/Option.h>
 #include <Poco/Util/OptionCallback.h>
+#include <Poco/Util/PropertyFileConfiguration.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -93,7 +94,7 @@ void Watchpost::initialize(Poco::Util::Application& self) {
     // resolved while it still holds.
     for (const char* const key :
          {"config.file", "module.dir", "policy.dir", "log.dir", "report.file"}) {
-        if (config().hasProperty(key)) {
+        if (!config().getString(key, "").empty()) {
             config().setString(key, std::filesystem::absolute(config().getString(key)).string());
         }
     }
@@ -130,7 +131,10 @@ void Watchpost::LoadConfiguration(const std::string& path) {
         if (error != 0 || !S_ISREG(status.st_mode)) {
             throw Poco::OpenFileException(error != 0 ? std::strerror(error) : "not a regular file");
         }
-        loadConfiguration(file, PRIO_DEFAULT);
+        // Not loadConfiguration, which goes by the extension of the name.
+        Poco::AutoPtr<Poco::Util::PropertyFileConfiguration> properties(
+            new Poco::Util::PropertyFileConfiguration(file));
+        config().add(properties, PRIO_DEFAULT);
     } catch (const Poco::Exception& e) {
         throw StartError{EXIT_CONFIG, "configuration file " + file + ": " + e.displayText()};
     }
