@@ -2,10 +2,12 @@
 
 #include <fcntl.h>
 #include <limits.h>
+#include <linux/magic.h>
 #include <openssl/evp.h>
 #include <stdio.h>
 #include <sys/random.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,6 +15,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 namespace SDK::FileUtils {
 namespace {
@@ -40,6 +43,7 @@ public:
         return fd >= 0 ? 0 : error;
     }
     int Get() const { return fd_; }
+    int Release() { return std::exchange(fd_, -1); }
 
 private:
     int fd_ = -1;
@@ -67,12 +71,34 @@ int AdoptRegular(int fd, Descriptor& file, struct stat& status) {
     return fstat(file.Get(), &status) == 0 ? CheckRegular(status) : errno;
 }
 
+// Files of the kernel's own say they are regular, and reading some takes away what others wait for.
+bool IsOfKernel(int fd) {
+    struct statfs status {};
+    if (fstatfs(fd, &status) != 0) {
+        return false;
+    }
+    constexpr std::array<unsigned, 4> kKernelTypes = {PROC_SUPER_MAGIC, SYSFS_MAGIC, TRACEFS_MAGIC,
+                                                      DEBUGFS_MAGIC};
+    return std::find(kKernelTypes.begin(), kKernelTypes.end(),
+                     static_cast<unsigned>(status.f_type)) != kKernelTypes.end();
+}
+
 int OpenRegular(const std::string& path, int flags, Descriptor& file, struct stat& status) {
-    // Looked at before too: merely opening a device can set it off.
-    if (const int error = StatRegular(path, status); error != 0) {
+    if (path.find('\0') != std::string::npos) {
+        return EINVAL;
+    }
+    // First a handle that only names the file: merely opening a device can set it off, and whoever
+    // owns the path may put another file there at any moment.
+    Descriptor handle;
+    const int error = AdoptRegular(open(path.c_str(), O_PATH | O_CLOEXEC), handle, status);
+    if (error != 0) {
         return error;
     }
-    return AdoptRegular(open(path.c_str(), flags | kSafeFlags), file, status);
+    if (IsOfKernel(handle.Get())) {
+        return EINVAL;
+    }
+    const std::string same = "/proc/self/fd/" + std::to_string(handle.Get());
+    return AdoptRegular(open(same.c_str(), flags | kSafeFlags), file, status);
 }
 
 // Hands the file to `consume` (data, length -> 0 or an errno value) piece by piece up to its end.
@@ -376,6 +402,16 @@ int GetFileSha256(const std::string& path, std::string& hash, size_t limit) {
     }
     hash.swap(text);
     return 0;
+}
+
+int OpenForReading(const std::string& path, int& descriptor) {
+    Descriptor file;
+    struct stat status {};
+    const int error = OpenRegular(path, O_RDONLY, file, status);
+    if (error == 0) {
+        descriptor = file.Release();
+    }
+    return error;
 }
 
 int GetFileSize(const std::string& path, uint64_t& size) {

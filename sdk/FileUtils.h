@@ -8,7 +8,8 @@
 // symbolic links, may be called from any thread, never blocks on a FIFO or a device and never
 // throws (std::bad_alloc apart). Results are 0 or the errno value of what failed:
 //   EISDIR  the path names a directory
-//   EINVAL  it names a FIFO, a socket or a device, or it holds a zero byte
+//   EINVAL  it names a FIFO, a socket, a device or, to be opened, a file of the kernel's own (as in
+//           /proc), or it holds a zero byte
 //   EFBIG   the file holds more than `limit` bytes
 // and otherwise what the system call reported (ENOENT, EACCES, ELOOP, ENOSPC, ...).
 namespace SDK::FileUtils {
@@ -33,6 +34,10 @@ int SafeCopyFile(const std::string& source, const std::string& destination, size
 // `hash` becomes 64 lower-case hexadecimal digits; it is unchanged on failure. The memory used does
 // not depend on the size of the file. EIO also when the digest is not available.
 int GetFileSha256(const std::string& path, std::string& hash, size_t limit);
+
+// Opens the file for reading, and nothing but it, whatever the path's owner puts in its place
+// meanwhile. The caller closes `descriptor`, which is unchanged on failure.
+int OpenForReading(const std::string& path, int& descriptor);
 
 // The size in bytes as the file system tells it (0 for files of /proc); `size` is unchanged on
 // failure.

@@ -1,5 +1,8 @@
 #include "sdk/StringUtils.h"
 
+#include <Poco/DigestEngine.h>
+#include <openssl/evp.h>
+
 namespace SDK::StringUtils {
 namespace {
 
@@ -70,6 +73,15 @@ std::string ToUtf8(const std::string& bytes) {
         }
     }
     return text;
+}
+
+std::string Sha256(const std::string& bytes) {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    if (EVP_Digest(bytes.data(), bytes.size(), digest, &length, EVP_sha256(), nullptr) != 1) {
+        return {};
+    }
+    return Poco::DigestEngine::digestToHex(Poco::DigestEngine::Digest(digest, digest + length));
 }
 
 }  // namespace SDK::StringUtils

@@ -13,4 +13,7 @@ size_t GetUtf8Length(const std::string& bytes, size_t offset, size_t& bad);
 // Linear in the length.
 std::string ToUtf8(const std::string& bytes);
 
+// 64 lower-case hexadecimal digits; empty when the digest is not available.
+std::string Sha256(const std::string& bytes);
+
 }  // namespace SDK::StringUtils

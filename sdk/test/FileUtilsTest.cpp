@@ -77,10 +77,8 @@ TEST(FileUtils, TheLimitIsExact) {
     ASSERT_EQ(truncate(path.c_str(), 10LL << 40), 0);
     EXPECT_EQ(ReadFile(path, hash, 1UL << 40), EFBIG);
     EXPECT_EQ(GetFileSha256(path, hash, 1UL << 40), EFBIG);
-    // The size that a file of /proc tells says nothing about what there is to read.
-    EXPECT_EQ(ReadFile("/proc/self/status", hash, 100), EFBIG);
-    EXPECT_EQ(ReadFile("/proc/self/status", hash, 100000), 0);
-    EXPECT_EQ(hash.compare(0, 5, "Name:"), 0);
+    // A file of the kernel's own may be one whose reading has effects.
+    EXPECT_EQ(ReadFile("/proc/self/status", hash, 100000), EINVAL);
 }
 
 TEST(FileUtils, ReplacingKeepsModeOwnerAndLinks) {

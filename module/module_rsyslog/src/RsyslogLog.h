@@ -22,6 +22,15 @@ inline Poco::Logger* UnitLogger() {
     return logger;
 }
 
+[[maybe_unused]] inline bool TraceIsOn() {
+    try {
+        const Poco::Logger* logger = UnitLogger();
+        return logger != nullptr && logger->trace();
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
 inline std::string LogText(const char* text) {
     return text;
 }

@@ -23,6 +23,7 @@ constexpr std::int32_t kFullPassCycles = 50;
 constexpr int kIncludePathSize = 1024;
 constexpr std::size_t kAlarmTextSize = 1024;
 constexpr std::int64_t kAlarmPauseSeconds = 14400;
+constexpr std::size_t kLongestKeyText = 4096;
 
 const char* const kReportTask = "data_comm_report_task";
 const char* const kAlarmType = "rsyslog_3";
@@ -178,8 +179,11 @@ void RsyslogTask::SendRsyslogAlarm(const user_info& user, const std::string& pat
                                    const std::string& hist_conf,
                                    std::map<std::string, std::int64_t>::iterator& found,
                                    std::int64_t now) {
+    // Entries stay for good, and users write up to 10 MiB: a long text stands as its digest.
     const std::string key =
-        "user:" + user.name + " path:" + path + " hist_conf:[" + hist_conf + "]";
+        "user:" + user.name + " path:" + path + " hist_conf:[" +
+        (hist_conf.size() > kLongestKeyText ? SDK::StringUtils::Sha256(hist_conf) : hist_conf) +
+        "]";
     found = alarm_time_map.find(key);
     // A stored time in the future, the clock having been set back, counts as just now.
     if (found != alarm_time_map.end() && now - std::min(found->second, now) <= kAlarmPauseSeconds) {

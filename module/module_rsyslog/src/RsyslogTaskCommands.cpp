@@ -28,7 +28,7 @@ const char* const kNoStamp = "#0000011471";
 const char* const kStampPattern = "^[1-9][0-9]{9,12}";
 
 // The pattern of a time stamp, compiled. Compiled for each of five million lines it would hold the
-// cycle up, so there is one for the process.
+// cycle up, so one serves the process; only a failure is tried again.
 struct StampPattern {
     StampPattern() : error(regcomp(&pattern, kStampPattern, REG_EXTENDED | REG_NOSUB)) {}
     ~StampPattern() {
@@ -55,22 +55,17 @@ std::uint64_t Distance(std::int64_t one, std::int64_t other) {
                        : static_cast<std::uint64_t>(other) - static_cast<std::uint64_t>(one);
 }
 
-bool TraceIsOn() {
-    try {
-        const Poco::Logger* logger = UnitLogger();
-        return logger != nullptr && logger->trace();
-    } catch (const std::exception&) {
-        return false;
-    }
-}
-
 }  // namespace
 
 bool RsyslogTask::HistoryFindTimestamp(std::string line) {
     if (line.empty() || line[0] != '#') {
         return false;
     }
-    static const StampPattern stamp;
+    static std::unique_ptr<StampPattern> compiled;  // task thread only
+    if (compiled == nullptr || compiled->error != 0) {
+        compiled = std::make_unique<StampPattern>();
+    }
+    const StampPattern& stamp = *compiled;
     if (stamp.error != 0) {
         RSYSLOG_LOG(PRIO_ERROR, "find timestamp %s ,reg error:%s", std::string(kStampPattern),
                     RegexError(stamp.error, stamp.pattern));

@@ -1,4 +1,3 @@
-#include <fcntl.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -126,20 +125,17 @@ enum class TailResult { kRead, kShort, kNotOpened };
 // Reads the last `length` bytes of the regular file at `path`. Whatever its owner puts there
 // meanwhile, it is not waited for.
 TailResult ReadTail(const char* path, std::size_t length, char* tail) {
-    const int file = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    if (file < 0) {
+    int file = -1;
+    if (SDK::FileUtils::OpenForReading(path, file) != 0) {
         return TailResult::kNotOpened;
     }
-    TailResult result = TailResult::kNotOpened;
     struct stat status = {};
-    if (fstat(file, &status) == 0 && S_ISREG(status.st_mode)) {
-        const off_t start = status.st_size - static_cast<off_t>(length);
-        const bool whole =
-            start >= 0 && pread(file, tail, length, start) == static_cast<ssize_t>(length);
-        result = whole ? TailResult::kRead : TailResult::kShort;
-    }
+    const off_t start =
+        fstat(file, &status) == 0 ? status.st_size - static_cast<off_t>(length) : -1;
+    const bool whole =
+        start >= 0 && pread(file, tail, length, start) == static_cast<ssize_t>(length);
     close(file);
-    return result;
+    return whole ? TailResult::kRead : TailResult::kShort;
 }
 
 }  // namespace
@@ -176,6 +172,7 @@ void RsyslogTask::SyslogGetUserList() {
         users.push_back(user);
         known.emplace(users.back().name, users.back().home);
     }
+    explicit_bzero(&entry, sizeof(entry));
 }
 
 void RsyslogTask::CheckHistoryProfile(const user_info& user, const std::string& path) {

@@ -321,11 +321,6 @@ private:
     std::vector<std::int64_t> earliest_;
 };
 
-bool IsTraced() {
-    const Poco::Logger* const logger = UnitLogger();
-    return logger != nullptr && logger->trace();
-}
-
 }  // namespace
 
 int RsyslogTask::UtmpSetutent(const char* path) {
@@ -350,7 +345,6 @@ void RsyslogTask::ReadLastAllinfo(std::vector<utmp_info>& new_records) {
     new_records.clear();
     const FileWatch watch(kLoginFile);
     if (watch.IsSpecial()) {
-        RSYSLOG_LOG(PRIO_DEBUG, "%s is no regular file", std::string(kLoginFile));
         return;
     }
     if (UtmpSetutent(kLoginFile) != 0) {
@@ -410,7 +404,7 @@ void RsyslogTask::ParseEveryUtmp(const std::vector<utmp_info>& new_records) {
         std::vector<std::size_t> ended;
         if (record.type == DEAD_PROCESS) {
             ended = open->FirstOn(record.line, record.login_time);
-        } else if (record.login_time != 0 || !zero_boot || IsTraced()) {
+        } else if (record.login_time != 0 || !zero_boot || TraceIsOn()) {
             // Boots at 0 end the same logins again and again, which then shows in the log alone.
             ended = open->All(record.login_time);
             zero_boot = zero_boot || record.login_time == 0;

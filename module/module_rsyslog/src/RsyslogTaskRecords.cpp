@@ -100,11 +100,16 @@ bool RsyslogTask::HistoryWriteLog(std::string text, std::string path) {
         text += '\n';
     }
     struct stat status = {};
-    if (stat(path.c_str(), &status) == 0 && rsyslog_policy.history_size != 0 &&
-        text.size() + static_cast<std::uint64_t>(status.st_size) >= HistorySizeLimit()) {
-        HistoryBackupLog(path);
+    bool is_file = false;
+    if (stat(path.c_str(), &status) == 0) {
+        is_file = S_ISREG(status.st_mode);
+        if (rsyslog_policy.history_size != 0 &&
+            text.size() + static_cast<std::uint64_t>(status.st_size) >= HistorySizeLimit()) {
+            HistoryBackupLog(path);
+            is_file = SDK::FileUtils::IsFile(path);
+        }
     }
-    if (!SDK::FileUtils::IsFile(path)) {
+    if (!is_file) {
         SDK::FileUtils::WriteFile(path, "", false);
     }
     char resolved[PATH_MAX + 1] = {};
@@ -125,10 +130,10 @@ bool RsyslogTask::HistoryWriteLog(std::string text, std::string path) {
         const std::size_t count =
             std::fwrite(text.data() + written, 1, text.size() - written, log.get());
         if (count == 0) {
-            // Readers see whole lines only: a piece of a record would join with the next one.
-            if (known_size && ftruncate(fileno(log.get()), status.st_size) != 0) {
-                RSYSLOG_LOG(PRIO_DEBUG, "torn record in [%s]", path);
-            }
+            // Readers see whole lines only: a piece of a record would join with the next one. If
+            // even that fails there is nothing more to do.
+            [[maybe_unused]] const bool cut =
+                known_size && ftruncate(fileno(log.get()), status.st_size) == 0;
             return false;
         }
         written += count;
