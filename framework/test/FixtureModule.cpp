@@ -1,4 +1,4 @@
-#include <exception>
+#include <stdexcept>
 
 #include "framework/Module.h"
 
@@ -9,20 +9,18 @@
 
 namespace {
 
+using Framework::DataMessage;
+
 class FixtureTask : public Framework::Task {
 public:
     explicit FixtureTask(const std::string& name)
         : Task(name, "", Framework::TaskCondition::kPeriodic, 8) {}
     int Init() override {
-        Report(name());
+        SendDirectMsg("data_comm_report_task", std::make_shared<DataMessage>("fixture", name()));
         return 1;
     }
-    void UnInit() override { Report("end"); }
-
-private:
-    void Report(const std::string& text) {
-        SendDirectMsg("data_comm_report_task",
-                      std::make_shared<Framework::DataMessage>("fixture", text));
+    void UnInit() override {
+        SendDirectMsg("data_comm_report_task", std::make_shared<DataMessage>("fixture", "end"));
     }
 };
 
@@ -43,17 +41,9 @@ public:
 private:
     Framework::Policy* OnPolicy(const std::string& /*key*/, const std::string& text,
                                 Framework::Policy*& /*current*/) {
-        if (text == "throw") {
-            throw std::exception();
-        }
         RegisterTask(new FixtureTask(text), true);
         return nullptr;
     }
-};
-
-// A type of this library alone: whoever logs it needs the library still mapped.
-struct [[maybe_unused]] FactoryFault : std::exception {
-    const char* what() const noexcept override { return "the factory failed"; }
 };
 
 }  // namespace
@@ -62,7 +52,7 @@ extern "C" void* CreateModule();
 
 void* CreateModule() {
 #if defined(FIXTURE_FACTORY_THROWS)
-    throw FactoryFault();
+    throw std::runtime_error("the factory failed");
 #elif defined(FIXTURE_FACTORY_NULL)
     return nullptr;
 #else

@@ -4,6 +4,7 @@
 #include <Poco/Logger.h>
 #include <Poco/Message.h>
 
+#include <algorithm>
 #include <chrono>
 #include <fstream>
 #include <functional>
@@ -63,38 +64,21 @@ public:
         logger_.setChannel(nullptr);
         logger_.setLevel(Poco::Message::PRIO_INFORMATION);
     }
-    LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
 
     std::vector<std::string> Lines() const {
         const std::lock_guard<std::mutex> lock(channel_->mutex);
         return channel_->lines;
     }
     int Count(const std::string& line) const {
-        int count = 0;
-        for (const auto& each : Lines()) {
-            count += each == line ? 1 : 0;
-        }
-        return count;
+        return CountIf([&](const std::string& each) { return each == line; });
     }
     int Errors() const {
-        int count = 0;
-        for (const auto& each : Lines()) {
-            count += each.compare(0, 2, "3 ") == 0 ? 1 : 0;
-        }
-        return count;
+        return CountIf([](const std::string& each) { return each.compare(0, 2, "3 ") == 0; });
     }
     // How many lines hold `piece`.
     int Holding(const std::string& piece) const {
-        int count = 0;
-        for (const auto& each : Lines()) {
-            count += each.find(piece) != std::string::npos ? 1 : 0;
-        }
-        return count;
-    }
-    void Clear() {
-        const std::lock_guard<std::mutex> lock(channel_->mutex);
-        channel_->lines.clear();
+        return CountIf(
+            [&](const std::string& each) { return each.find(piece) != std::string::npos; });
     }
 
 private:
@@ -107,56 +91,49 @@ private:
         std::vector<std::string> lines;
     };
 
+    template <typename Predicate>
+    int CountIf(Predicate predicate) const {
+        const auto lines = Lines();
+        return static_cast<int>(std::count_if(lines.begin(), lines.end(), predicate));
+    }
+
     Poco::Logger& logger_;
     Poco::AutoPtr<Collector> channel_;
 };
 
-// A receiver under any name; keeps what it is sent as (type, content).
-class Receiver : public Framework::Task {
-public:
-    explicit Receiver(const std::string& name, std::size_t capacity = 1024)
-        : Framework::Task(name, "", Framework::TaskCondition::kPeriodic, capacity) {}
-
-    void HandleMsg(const Framework::Message* message) override {
-        const std::lock_guard<std::mutex> hold(gate_);
-        const auto& data = dynamic_cast<const Framework::DataMessage&>(*message);
-        const std::lock_guard<std::mutex> lock(mutex_);
-        received_.emplace_back(data.Type(), data.Content());
-    }
-    std::vector<std::pair<std::string, std::string>> Received() const {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        return received_;
-    }
-    // While the caller holds this, no message is handled.
-    std::mutex& Gate() { return gate_; }
-
-private:
-    std::mutex gate_;
-    mutable std::mutex mutex_;
-    std::vector<std::pair<std::string, std::string>> received_;
-};
-
-// Runs a Receiver while it lives. Its reports are complete once it has stopped.
+// Runs a task that keeps what it is sent as (type, content), while this lives.
 class RunningReceiver {
 public:
     explicit RunningReceiver(const std::string& name = "data_comm_report_task",
                              std::size_t capacity = 1024)
-        : task_(new Receiver(name, capacity)) {
+        : task_(new Receiver(name, "", Framework::TaskCondition::kPeriodic, capacity)) {
         TestEngine().StartTask(task_);
     }
     ~RunningReceiver() { Stop(); }
-    RunningReceiver(const RunningReceiver&) = delete;
-    RunningReceiver& operator=(const RunningReceiver&) = delete;
 
     void Stop() { TestEngine().StopTask(task_->name()); }
-    Receiver& Task() { return *task_; }
+    auto& Task() { return *task_; }
     // Stops the receiver, so that everything sent has been handled.
     std::vector<std::pair<std::string, std::string>> Finish() {
         Stop();
-        return task_->Received();
+        return task_->received_;
     }
 
 private:
+    struct Receiver : Framework::Task {
+        using Task::Task;
+        void HandleMsg(const Framework::Message* message) override {
+            const std::lock_guard<std::mutex> hold(gate_);
+            const auto& data = dynamic_cast<const Framework::DataMessage&>(*message);
+            received_.emplace_back(data.Type(), data.Content());
+        }
+        // While the caller holds this, no message is handled.
+        std::mutex& Gate() { return gate_; }
+
+        std::mutex gate_;
+        std::vector<std::pair<std::string, std::string>> received_;
+    };
+
     Poco::AutoPtr<Receiver> task_;
 };
 

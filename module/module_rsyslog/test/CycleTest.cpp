@@ -1,17 +1,19 @@
 // The task's life, its cycle, daemon detection and alarms.
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <optional>
+
+#include "module/module_procs/src/ProcsFullTask.h"
 #include "module/module_rsyslog/test/ModuleSupport.h"
 
 namespace {
 
-using TestSupport::LogCapture;
-using TestSupport::NamedProcess;
 using TestSupport::NewTask;
 using TestSupport::OpenTaskPtr;
-using TestSupport::RunningProcs;
 using TestSupport::RunningReceiver;
+using Names = std::vector<std::string>;
 using Reports = std::vector<std::pair<std::string, std::string>>;
 
 const std::pair<std::string, std::string> kNoDaemon = {
@@ -19,220 +21,133 @@ const std::pair<std::string, std::string> kNoDaemon = {
 const std::pair<std::string, std::string> kNoInclude = {
     "rsyslog_3", R"({"message":"rsyslog IncludeConfig is not exist."})"};
 
-class OtherPolicy : public Framework::FeaturePolicy {
-public:
-    using FeaturePolicy::FeaturePolicy;
-    bool Parse(const std::string& /*text*/) override { return true; }
-};
+Names running;  // names of the process table, in the order of their process ids
 
-TEST(Task, InitTakesTheSettingsOfItsPolicyOnly) {
-    const LogCapture log("module_rsyslog");
-    const Framework::TaskPolicy period("rsyslog_task");
-    OpenTaskPtr task = NewTask();
-    EXPECT_EQ(0, task->Init());
-    EXPECT_EQ(1, log.Count("3 get feature policy failed"));
-
-    OtherPolicy other("rsyslog_feature");
-    task->Attach(&other, period);
-    EXPECT_EQ(0, task->Init());
-    EXPECT_EQ(1, log.Count("3 get policy failed"));
-
-    Engine::RsyslogPolicy policy("rsyslog_feature");
-    policy.Parse(R"({"content":{"server":["a"],"server_type":"udp","log_path":["/x:1"]}})");
-    task->Attach(&policy, period);
-    task->rsyslog_policy.server = {"left", "over"};
-    task->rsyslog_policy.is_rsyslog = true;
-    EXPECT_NE(0, task->Init());
-    EXPECT_EQ(std::list<std::string>{"a"}, task->rsyslog_policy.server);
-    EXPECT_EQ("udp", task->rsyslog_policy.server_type);
-    EXPECT_EQ("/x", task->rsyslog_policy.log_path.front().path);
-    EXPECT_FALSE(task->rsyslog_policy.is_rsyslog);
-    EXPECT_TRUE(task->rsyslog_policy.need_rewrite);
-    task->UnInit();
-    EXPECT_EQ(1, log.Count("7 UnInit  rsyslog task"));
-}
-
-// A full pass shows in its alarm: no daemon runs here.
-TEST(Cycle, FullPassFirstAndEvery50th) {
-    const RunningProcs procs;
-    RunningReceiver reports;
-    const LogCapture log("module_rsyslog");
-    OpenTaskPtr task = NewTask();
-    for (int run = 1; run <= 101; ++run) {
-        EXPECT_EQ(0, task->Run());
-        EXPECT_EQ((run - 1) % 50 + 1, task->cycle_count) << run;
-        EXPECT_EQ((run - 1) / 50 + 1, log.Holding("8 syslog alarm message is")) << run;
-    }
-    EXPECT_EQ(101, log.Count("8 rsyslog task Start"));
-    EXPECT_EQ((Reports{kNoDaemon, kNoDaemon, kNoDaemon}), reports.Finish());
-}
-
-TEST(Cycle, AStoppingTaskDoesNoFullPass) {
-    const LogCapture log("module_rsyslog");
-    OpenTaskPtr task = NewTask();
-    task->cycle_count = 50;
-    task->RequestStop();
-    task->Run();
-    task->Run();
-    EXPECT_EQ(52, task->cycle_count);
-    EXPECT_EQ(0, log.Errors());
-}
-
-TEST(Detection, FirstDaemonByProcessIdDecides) {
-    struct Case {
-        std::vector<std::string> names;
-        bool is_rsyslog;
-        bool is_syslogng;
-    };
-    const RunningProcs procs;
-    for (const Case& c :
-         {Case{{}, false, false}, Case{{"cron"}, false, false}, Case{{"rsyslogd"}, true, false},
-          Case{{"syslog-ng"}, false, true}, Case{{"syslog-ng", "rsyslogd"}, false, true},
-          Case{{"rsyslogd", "syslog-ng"}, true, false}, Case{{"my-rsyslog-run"}, true, false}}) {
-        SCOPED_TRACE(c.names.empty() ? "none" : c.names.front());
-        std::list<NamedProcess> processes;
-        for (const auto& name : c.names) {
-            processes.emplace_back(name);
-        }
-        OpenTaskPtr task = NewTask();
-        task->rsyslog_policy.is_rsyslog = !c.is_rsyslog;
-        task->rsyslog_policy.is_syslogng = !c.is_syslogng;
-        task->CheckSyslogRunning();
-        EXPECT_EQ(c.is_rsyslog, task->rsyslog_policy.is_rsyslog);
-        EXPECT_EQ(c.is_syslogng, task->rsyslog_policy.is_syslogng);
-    }
-}
-
-// Tables that a test cannot bring about with real processes.
 class FixedProcs : public Engine::ProcsFullTask {
 public:
     using Table = std::map<int, std::shared_ptr<Engine::ProcsMessage::procInfo>>;
-    explicit FixedProcs(const std::vector<std::string>& names) : names_(names) {}
     void GetProcsMap(Table& processes) override {
-        processes.clear();
-        for (const auto& name : names_) {
-            const int pid = static_cast<int>(processes.size()) + 1;
-            processes[pid] = std::make_shared<Engine::ProcsMessage::procInfo>();
-            processes[pid]->name = name;
+        for (const auto& name : running) {
+            auto& process = processes[static_cast<int>(processes.size()) + 1];
+            process = std::make_shared<Engine::ProcsMessage::procInfo>();
+            process->name = name;
         }
     }
-
-private:
-    std::vector<std::string> names_;
 };
 
-TEST(Detection, FlagsThatAPassLeavesAlone) {
-    const LogCapture log("module_rsyslog");
-    OpenTaskPtr task = NewTask();
-    const auto check = [&task](const std::vector<std::string>& names) {
-        TestSupport::TestEngine().StartTask(new FixedProcs(names));
-        task->rsyslog_policy.is_rsyslog = false;
-        task->rsyslog_policy.is_syslogng = true;
-        task->CheckSyslogRunning();
-        TestSupport::TestEngine().StopTask("procs_full_task");
-    };
-    check({"rsyslogd", "init"});  // the very first process: syslog-ng's flag is not looked at
-    EXPECT_TRUE(task->rsyslog_policy.is_rsyslog && task->rsyslog_policy.is_syslogng);
-    EXPECT_EQ(1, log.Count("8 find rsyslog pid 1."));
-    check({"init", "rsyslogd"});
-    EXPECT_TRUE(task->rsyslog_policy.is_rsyslog);
-    EXPECT_FALSE(task->rsyslog_policy.is_syslogng);
-    check({});
-    EXPECT_TRUE(task->rsyslog_policy.is_syslogng);
-    EXPECT_EQ(1, log.Count("3 proc map is empty"));
-    task->CheckSyslogRunning();
-    EXPECT_TRUE(task->rsyslog_policy.is_syslogng);
-    EXPECT_EQ(1, log.Count("3 Get full proc failed"));
+class Forwarding : public testing::Test {
+protected:
+    Forwarding() { engine_.StartTask(new FixedProcs); }
+    ~Forwarding() override { engine_.StopTask("procs_full_task"); }
+
+    Framework::Engine& engine_ = TestSupport::TestEngine();
+    const TestSupport::LogCapture log_{"module_rsyslog"};
+    OpenTaskPtr task_ = NewTask();
+};
+
+// A full pass shows in its alarm: no daemon runs here.
+TEST_F(Forwarding, FullPassFirstAndEvery50thUnlessStopping) {
+    running = {"init"};
+    RunningReceiver reports;
+    EXPECT_EQ(0, task_->Init());  // no policy attached
+    for (int run = 1; run <= 101; ++run) {
+        EXPECT_EQ(0, task_->Run());
+        EXPECT_EQ((run - 1) % 50 + 1, task_->cycle_count) << run;
+        EXPECT_EQ((run - 1) / 50 + 1, log_.Holding("8 syslog alarm message is")) << run;
+    }
+    task_->cycle_count = 50;
+    task_->RequestStop();
+    task_->Run();
+    EXPECT_EQ(51, task_->cycle_count);
+    EXPECT_EQ(Reports(3, kNoDaemon), reports.Finish());
 }
 
-TEST(Cycle, WhatAFullPassDoes) {
+TEST_F(Forwarding, FirstDaemonByProcessIdDecides) {
     struct Case {
-        std::vector<std::string> daemons;
-        std::string rsyslog_conf;
+        Names names;
+        std::optional<bool> is_rsyslog, is_syslogng;  // without a value: left as it was
+    };
+    auto& policy = task_->rsyslog_policy;
+    for (const Case& c :
+         {Case{{"cron", "sh"}, false, false}, Case{{"init", "rsyslogd"}, true, false},
+          Case{{"syslog-ng", "rsyslogd"}, false, true},
+          Case{{"init", "my-rsyslog-run", "syslog-ng"}, true, false},
+          Case{{"rsyslogd", "syslog-ng"}, true, {}}, Case{{}, {}, {}}}) {
+        running = c.names;
+        for (const bool before : {false, true}) {
+            policy.is_rsyslog = policy.is_syslogng = before;
+            task_->CheckSyslogRunning();
+            EXPECT_EQ(c.is_rsyslog.value_or(before), policy.is_rsyslog);
+            EXPECT_EQ(c.is_syslogng.value_or(before), policy.is_syslogng);
+        }
+    }
+    EXPECT_EQ(2, log_.Count("3 proc map is empty"));
+    engine_.StopTask("procs_full_task");
+    task_->CheckSyslogRunning();
+    EXPECT_TRUE(policy.is_rsyslog && policy.is_syslogng);
+    EXPECT_EQ(1, log_.Count("3 Get full proc failed"));
+}
+
+TEST_F(Forwarding, WhatAFullPassDoes) {
+    struct Case {
+        std::string daemon, rsyslog_conf;
         bool written;
         Reports reports;
     };
     const std::string include = "$IncludeConfig /etc/rsyslog.d/*.conf\n";
-    const RunningProcs procs;
+    const char* file = "/etc/rsyslog.d/watchpost_rsyslog.conf";
     for (const Case& c :
-         {Case{{}, include, false, {kNoDaemon}}, Case{{"rsyslogd"}, include, true, {}},
-          Case{{"rsyslogd", "syslog-ng"}, include, true, {}},
-          Case{{"rsyslogd"}, "# nothing\n", false, {kNoInclude}}}) {
-        SCOPED_TRACE(c.rsyslog_conf + std::to_string(c.daemons.size()));
-        std::list<NamedProcess> processes;
-        for (const auto& name : c.daemons) {
-            processes.emplace_back(name);
-        }
-        RunningReceiver reports;
+         {Case{"init", include, false, {kNoDaemon}}, Case{"rsyslogd", include, true, {}},
+          Case{"rsyslogd", "# nothing\n", false, {kNoInclude}}}) {
+        SCOPED_TRACE(c.rsyslog_conf + c.daemon);
+        running = {c.daemon};
         TestSupport::WriteText("/etc/rsyslog.conf", c.rsyslog_conf);
-        const char* file = "/etc/rsyslog.d/watchpost_rsyslog.conf";
-        std::remove(file);
         OpenTaskPtr task = NewTask();
         task->rsyslog_policy.server_type = "udp";
+        task->rsyslog_policy.is_syslogng = true;  // rsyslog goes before
         task->rsyslog_policy.server = {"10.0.0.1"};
         task->rsyslog_policy.log_path = {{"514", "/var/log/a", {}}};
+        RunningReceiver reports;
         task->Run();
-        EXPECT_EQ(c.written, access(file, F_OK) == 0);
+        EXPECT_EQ(c.written, std::remove(file) == 0);
         EXPECT_EQ(c.reports, reports.Finish());
-
-        // Nothing changed: a second full pass writes nothing.
-        std::remove(file);
         task->cycle_count = 50;
-        const RunningReceiver again;
-        task->Run();
+        task->Run();  // nothing changed: a second full pass writes nothing
         EXPECT_NE(0, access(file, F_OK));
     }
 }
 
-TEST(Alarm, CodesKnownAndUnknown) {
-    RunningReceiver reports;
-    OpenTaskPtr task = NewTask();
-    for (const int code : {-1, 0, 3}) {
-        EXPECT_FALSE(task->SendRsyslogAlarm(code));
-    }
-    EXPECT_TRUE(task->SendRsyslogAlarm(2));
-    EXPECT_TRUE(task->SendRsyslogAlarm(1));
-    EXPECT_EQ((Reports{kNoInclude, kNoDaemon}), reports.Finish());
-}
-
-TEST(Alarm, HistoryAlarmPausesForFourHours) {
-    RunningReceiver reports;
-    OpenTaskPtr task = NewTask();
-    Engine::user_info user;
-    user.name = "al\xff";
+TEST_F(Forwarding, AlarmsOnceForACodeAndHistoryAlarmsOnceInFourHours) {
     struct Step {
         const char* content;
         std::int64_t now;
-        bool known;
-        std::size_t sent;  // so far
+        bool known, sent;
     };
-    std::size_t sent = 0;
+    RunningReceiver reports;
+    EXPECT_FALSE(task_->SendRsyslogAlarm(0) || task_->SendRsyslogAlarm(3));
+    EXPECT_TRUE(task_->SendRsyslogAlarm(2) && task_->SendRsyslogAlarm(1));
+    Reports expected = {kNoInclude, kNoDaemon};
+    std::map<std::string, std::int64_t> times;
+    Engine::user_info user;
+    user.name = "al\xff";
     for (const Step& s :
-         {Step{"HISTSIZE=1;", 100000, false, 1}, Step{"HISTSIZE=1;", 100000 + 14400, true, 1},
-          Step{"HISTSIZE=2;", 100000 + 14400, false, 2}, Step{"HISTSIZE=1;", 5, true, 2},
-          Step{"HISTSIZE=1;", 100000 + 14401, true, 3},
-          Step{"HISTSIZE=1;", 100000 + 14401 + 14400, true, 3}}) {
+         {Step{"SIZE=1;", 100000, false, true}, Step{"SIZE=1;", 114400, true, false},
+          Step{"SIZE=2;", 114400, false, true}, Step{"SIZE=1;", 5, true, false},
+          Step{"SIZE=1;", 114401, true, true}, Step{"SIZE=1;", 128801, true, false}}) {
         SCOPED_TRACE(std::to_string(s.now) + s.content);
-        const auto before = task->alarm_time_map;
-        auto found = task->alarm_time_map.begin();
-        task->SendRsyslogAlarm(user, "/home/al/.bashrc", s.content, found, s.now);
-        EXPECT_EQ(s.known, found != task->alarm_time_map.end());
-        const std::string key =
-            std::string("user:al\xff path:/home/al/.bashrc hist_conf:[") + s.content + "]";
-        if (s.sent > sent) {
-            EXPECT_EQ(s.now, task->alarm_time_map[key]);
-        } else {
-            EXPECT_EQ(before, task->alarm_time_map);
+        if (s.sent) {
+            times[std::string("user:al\xff path:/.bashrc hist_conf:[") + s.content + "]"] = s.now;
+            expected.emplace_back(
+                "rsyslog_3", std::string(R"({"content":")") + s.content +
+                                 R"(","path":"/.bashrc","type":"hist_conf","user":"al\ufffd"})" +
+                                 "\n");
         }
-        sent = s.sent;
+        auto found = task_->alarm_time_map.begin();
+        task_->SendRsyslogAlarm(user, "/.bashrc", s.content, found, s.now);
+        EXPECT_EQ(s.known, found != task_->alarm_time_map.end());
+        EXPECT_EQ(times, task_->alarm_time_map);
     }
-    const Reports received = reports.Finish();
-    ASSERT_EQ(3U, received.size());
-    EXPECT_EQ("rsyslog_3", received[0].first);
-    EXPECT_EQ(
-        "{\"content\":\"HISTSIZE=1;\",\"path\":\"/home/al/.bashrc\",\"type\":\"hist_conf\","
-        "\"user\":\"al\\ufffd\"}\n",
-        received[0].second);
+    EXPECT_EQ(expected, reports.Finish());
 }
 
 }  // namespace
