@@ -101,36 +101,27 @@ TEST(ReportTask, TriesAgainWhileTheDiskIsFullLeavesNoTornLineAndFollowsARotation
     EXPECT_EQ(Strings{b}, Contents(path));
     EXPECT_EQ((Strings{"?half", a, b, a}), Contents(path + ".1"));
     EXPECT_EQ(1, log.Holding(": 2 reports lost at the stop"));
-    ASSERT_EQ(0, mkfifo((folder / "fifo").c_str(), 0600));
-    EXPECT_FALSE(Poco::AutoPtr<ReportTask>(new ReportTask(folder / "fifo"))->Open());
     EXPECT_EQ(0, umount2((folder / "").c_str(), MNT_DETACH));
 }
 
 TEST(PolicyDirectory, DeliversInNameOrderWhatIsReadableWholeAndChanged) {
     const TempDir folder;
     const LogCapture log("watchpost");
-    WriteText(folder / "z.json", "last");
-    WriteText(folder / "a.json", "first");
-    WriteText(folder / "b.txt", "no policy");
-    WriteText(folder / "large.json", "too large");
+    const LogCapture delivered("delivered");
+    for (const std::string name : {"z.json", "a.json", "b.txt", "large.json"}) {
+        WriteText(folder / name, "first");
+    }
     fs::resize_file(folder / "large.json", 1048577);
     ASSERT_EQ(0, mkfifo((folder / "fifo.json").c_str(), 0600));
-    std::mutex mutex;
-    Strings delivered;
-    const PolicyDirectory watcher(folder / ".",
-                                  [&](const std::string& name, const std::string& content) {
-                                      const std::lock_guard<std::mutex> lock(mutex);
-                                      delivered.push_back(name + " " + content);
-                                  });
-    Strings expected{"a.json first"};
+    const PolicyDirectory watcher(folder / ".", [](const auto& name, const auto& content) {
+        Poco::Logger::get("delivered").information(name + " " + content);
+    });
+    Strings expected{"6 a.json first"};
     const auto delivers = [&](const std::string& line) {
-        expected.push_back(line);
-        return Await([&] {
-            const std::lock_guard<std::mutex> lock(mutex);
-            return delivered.size() >= expected.size();
-        });
+        expected.push_back("6 " + line);
+        return Await([&] { return delivered.Lines().size() >= expected.size(); });
     };
-    EXPECT_TRUE(delivers("z.json last"));
+    EXPECT_TRUE(delivers("z.json first"));
     // Written again with the same content: only the file beside it is delivered.
     WriteText(folder / "a.json", "first");
     WriteText(folder / "moving", "2");
@@ -141,111 +132,81 @@ TEST(PolicyDirectory, DeliversInNameOrderWhatIsReadableWholeAndChanged) {
     EXPECT_TRUE(delivers("b.json 1"));
     WriteText(folder / "a.json", "first");
     EXPECT_TRUE(delivers("a.json first"));
-    // A writer that pauses. A busy machine may stretch the pause to what passes for the end of the
-    // writing; only a short one counts.
+    // A writer that pauses. On a busy machine the pause may pass for the end of the writing.
+    const auto start = std::chrono::steady_clock::now();
     std::ofstream file(folder / "half.json");
-    auto pause = std::chrono::steady_clock::now().time_since_epoch();
-    file << "first " << std::flush;
+    file << "1" << std::flush;
     std::this_thread::sleep_for(std::chrono::milliseconds(80));
-    file << "second" << std::flush;
-    pause = std::chrono::steady_clock::now().time_since_epoch() - pause;
-    EXPECT_TRUE(delivers("half.json first second"));
-    for (const std::string name : {"large", "fifo"}) {
-        EXPECT_EQ(1, log.Holding("3 policy file " + (folder / ".") + "/" + name +
-                                 ".json cannot be read: "));
-    }
-    const std::lock_guard<std::mutex> lock(mutex);
-    EXPECT_TRUE(delivered == expected || pause > std::chrono::milliseconds(150))
-        << testing::PrintToString(delivered);
+    file << "2" << std::flush;
+    const auto taken = std::chrono::steady_clock::now() - start;
+    EXPECT_TRUE(delivers("half.json 12"));
+    EXPECT_TRUE(delivered.Lines() == expected || taken > std::chrono::milliseconds(150))
+        << testing::PrintToString(delivered.Lines());
+    EXPECT_EQ(1, log.Holding("/large.json cannot be read: "));
+    EXPECT_EQ(1, log.Holding("/fifo.json cannot be read: "));
 }
 
-// A place for the agent's executable to run in, with the sound module.
-class Program : public testing::Test {
-protected:
-    Program() {
-        for (const char* const name : {"module", "policy", "log"}) {
-            fs::create_directory(home_ / name);
-        }
-        fs::copy_file(SOUND_MODULE, home_ / "module/sound.so");
-        // Options go before the file.
-        WriteText(home_ / "w.properties", "policy.dir=/none\nreport.file=" + report_ + "\n");
-    }
-    // Runs the agent, a minute at most. `options` come after those of a good start, less `without`.
-    // Its exit status; its output is then in the file "out".
-    int Run(const std::string& options, const std::string& without = "") const {
-        std::string command = "timeout -s KILL 60 " WATCHPOST_PROGRAM " " + options;
-        for (const std::string name : {"config", "module-dir", "policy-dir", "log-dir"}) {
-            const std::string path =
-                name == "config" ? "w.properties" : name.substr(0, name.find('-'));
-            command += name == without ? "" : " --" + name + "=" + home_ / path;
-        }
-        const int status = std::system((command + " >" + home_ / "out" + " 2>&1").c_str());
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
+// Runs the agent, a minute at most, its output in the file "out". Its exit status.
+int RunAgent(const std::string& options) {
+    const std::string program =
+        "timeout -s KILL 60 " WATCHPOST_PROGRAM " --policy-dir=/tmp/policy ";
+    const int status = std::system((program + options + " >/tmp/out 2>&1").c_str());
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
 
-    const TempDir home_;
-    const std::string report_ = home_ / "report";
-};
-
-TEST_F(Program, ABadStartIsOneLineAndAStatus) {
-    WriteText(home_ / "101.properties", "cpu.limit.percent=101\n");
-    WriteText(home_ / "half.properties", "cpu.limit.percent=half\n");
+TEST(Program, ABadStartIsOneLineAndAStatusAndAGoodOneStopsInOrder) {
+    const std::string home = "/usr/local/watchpost/";
+    const std::string report = "/tmp/report";
+    for (const std::string& path : {home + "module", home + "conf", home + "log"}) {
+        fs::create_directories(path);
+    }
+    fs::create_directory("/tmp/policy");
+    fs::copy_file(SOUND_MODULE, home + "module/sound.so");
+    WriteText("/tmp/101", "cpu.limit.percent=101\n");
+    // Options go before the file.
+    WriteText(home + "conf/watchpost.properties", "policy.dir=/none\nreport.file=" + report);
     const struct {
-        std::string option;
-        std::string value;
+        std::string options;
         int status;
         std::string piece;
     } cases[] = {
-        {"bogus", "", 78, "bogus"},
-        {"config", "none", 78, "none"},
-        {"config", ".", 78, "not a regular file"},
-        {"config", "101.properties", 78, "not 101"},
-        {"config", "half.properties", 78, "not half"},
-        {"module-dir", "none", 72, "none"},
-        {"policy-dir", "w.properties", 72, "Not a directory"},
-        {"log-dir", "none", 72, "none"},
-        {"report", ".", 73, "Is a directory"},
-        {"log-level", "loud", 64, "loud"},
-        {"daemon --log-level", "loud", 64, "loud"},
+        {"--bogus", 78, "bogus"},
+        {"stray", 64, "stray"},
+        {"--config=/none", 78, "/none"},
+        {"--config=/tmp", 78, "not a regular file"},
+        {"--config=/tmp/101", 78, "not 101"},
+        {"--module-dir=/dev/null", 72, "Not a directory"},
+        {"--log-dir=/none", 72, "/none"},
+        {"--report=/dev/null", 73, "Invalid argument"},
+        {"--daemon --log-level=loud", 64, "loud"},
     };
     for (const auto& each : cases) {
-        const std::string option =
-            "--" + each.option + (each.value.empty() ? "" : "=" + home_ / each.value);
-        EXPECT_EQ(each.status, Run(option, each.option)) << option;
-        const std::string out = ReadText(home_ / "out");
+        EXPECT_EQ(each.status, RunAgent(each.options)) << each.options;
+        const std::string out = ReadText("/tmp/out");
         EXPECT_EQ(out.size() - 1, out.find('\n')) << out;
         EXPECT_NE(std::string::npos, out.find(each.piece)) << out;
     }
-}
 
-TEST_F(Program, DeliversReopensAndStopsInOrder) {
-    WriteText(home_ / "policy/p.json", "0");
-    auto status = std::async(std::launch::async, [&] { return Run("--pidfile=" + home_ / "pid"); });
-    Strings expected{"start", "0"};
-    EXPECT_TRUE(Await([&] { return Contents(report_) == expected; }));
-    const int process = std::atoi(ReadText(home_ / "pid").c_str());
+    WriteText("/tmp/policy/p.json", "0");
+    auto status = std::async(std::launch::async, [] { return RunAgent("--pidfile=/tmp/pid"); });
+    EXPECT_TRUE(Await([&] { return Contents(report) == Strings{"start", "0"}; }));
+    const int process = std::atoi(ReadText("/tmp/pid").c_str());
     ASSERT_LT(1, process);
-    EXPECT_EQ(75, Run(""));
-    fs::rename(report_, report_ + ".1");
+    EXPECT_EQ(75, RunAgent("")) << "a second one";
+    fs::rename(report, report + ".1");
     kill(process, SIGHUP);
     // The signal takes its time: reports may go to the old file for a while, but never to none.
-    const auto all = [&] {
-        Strings contents = Contents(report_ + ".1");
-        const Strings newer = Contents(report_);
-        contents.insert(contents.end(), newer.begin(), newer.end());
-        return contents;
-    };
-    for (int i = 1; i < 20 && !fs::exists(report_); ++i) {
-        expected.push_back(std::to_string(i));
-        WriteText(home_ / "policy/p.json", expected.back());
-        ASSERT_TRUE(Await([&] { return all() == expected; })) << testing::PrintToString(all());
+    const auto reports = [&] { return Contents(report + ".1").size() + Contents(report).size(); };
+    std::size_t tasks = 2;
+    for (; tasks < 20 && !fs::exists(report); ++tasks) {
+        WriteText("/tmp/policy/p.json", std::to_string(tasks));
+        ASSERT_TRUE(Await([&] { return reports() == tasks + 1; }));
     }
-    EXPECT_TRUE(fs::exists(report_));
     kill(process, SIGTERM);
     EXPECT_EQ(0, status.get());
     // What the tasks send while they end is in the file as well.
-    expected.insert(expected.end(), expected.size(), "end");
-    EXPECT_EQ(expected, all());
+    EXPECT_EQ(2 * tasks, reports());
+    EXPECT_EQ("end", Contents(report).back());
 }
 
 }  // namespace

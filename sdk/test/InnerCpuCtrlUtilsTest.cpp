@@ -26,8 +26,8 @@ TEST(InnerCpuCtrlUtils, HoldsAThreadToItsShareAndIdleTimeIsNoCredit) {
             const double wall = Ms(CLOCK_MONOTONIC);
             AdjustThreadCpu("Some.cpp", 7, "module_x", 0, 0);
             const double cpu = Ms(CLOCK_THREAD_CPUTIME_ID);
-            for (double end = cpu + 10; end < cpu + 200; end += 10) {
-                while (Ms(CLOCK_THREAD_CPUTIME_ID) < end) {
+            for (int turn = 1; turn < 20; ++turn) {
+                while (Ms(CLOCK_THREAD_CPUTIME_ID) < cpu + 10 * turn) {
                 }
                 AdjustThreadCpu("Some.cpp", 7, "module_x", 0, 0);
             }

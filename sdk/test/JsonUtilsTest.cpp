@@ -48,17 +48,14 @@ TEST(JsonUtils, RefusesWhatIsNotStrictJson) {
 TEST(JsonUtils, GettersFallBackOnAnythingUnexpected) {
     Json::Value value;
     Json::Value out;
-    ASSERT_EQ(Parse(R"({"a":[1],"b":true,"i":-5,"over":2147483648,"o":{"k":1},"s":"7"})", value),
-              0);
-    for (const std::string key : {"a", "b", "i", "over", "o", "s", "absent"}) {
-        SCOPED_TRACE(key);
-        EXPECT_EQ(GetStringValue(value, key, "d"), key == "s" ? "7" : "d");
-        EXPECT_EQ(GetIntValue(value, key, 9), key == "i" ? -5 : 9);
-        EXPECT_EQ(GetBoolValue(value, key, false), key == "b");
-        EXPECT_EQ(GetArrayValue(value, key, out), key == "a");
-        EXPECT_EQ(GetSubobjectValue(value, key, out), key == "o");
+    ASSERT_EQ(Parse(R"({"a":[1],"b":true,"i":-5,"over":2147483648,"o":{"k":1}})", value), 0);
+    for (const std::string key : {"a", "b", "i", "over", "o", "absent"}) {
+        EXPECT_EQ(GetStringValue(value, key, "d"), "d") << key;
+        EXPECT_EQ(GetIntValue(value, key, 9), key == "i" ? -5 : 9) << key;
+        EXPECT_EQ(GetBoolValue(value, key, false), key == "b") << key;
+        EXPECT_EQ(GetArrayValue(value, key, out), key == "a") << key;
+        EXPECT_EQ(GetSubobjectValue(value, key, out), key == "o") << key;
     }
-    EXPECT_EQ(GetStringValue(Json::Value("s"), "s", "d"), "d");
 }
 
 }  // namespace

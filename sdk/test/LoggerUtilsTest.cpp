@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <fstream>
+
 #include "sdk/LoggerUtils.h"
 #include "sdk/test/TempDir.h"
 
