@@ -17,6 +17,8 @@
 #include <memory>
 #include <utility>
 
+#include "sdk/Descriptor.h"
+
 namespace SDK::FileUtils {
 namespace {
 
@@ -25,29 +27,6 @@ constexpr int kSafeFlags = O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
 constexpr mode_t kNewFileMode = 0644;
 constexpr mode_t kPermissions = 0777;
 constexpr mode_t kAllModeBits = 07777;
-
-class Descriptor {
-public:
-    Descriptor() = default;
-    ~Descriptor() { Reset(-1); }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-
-    // Takes ownership of what open() returned: 0, or errno when that is no descriptor.
-    int Reset(int fd) {
-        const int error = errno;
-        if (fd_ >= 0) {
-            close(fd_);
-        }
-        fd_ = fd;
-        return fd >= 0 ? 0 : error;
-    }
-    int Get() const { return fd_; }
-    int Release() { return std::exchange(fd_, -1); }
-
-private:
-    int fd_ = -1;
-};
 
 int CheckRegular(const struct stat& status) {
     if (S_ISREG(status.st_mode)) {

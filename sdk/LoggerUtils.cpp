@@ -3,14 +3,12 @@
 #include <Poco/AutoPtr.h>
 #include <Poco/Error.h>
 #include <Poco/Exception.h>
-#include <Poco/FileChannel.h>
-#include <Poco/FormattingChannel.h>
 #include <Poco/Message.h>
 #include <Poco/PatternFormatter.h>
 
 #include <cstddef>
 
-#include "sdk/FileUtils.h"
+#include "sdk/LogFile.h"
 #include "sdk/StringUtils.h"
 
 namespace SDK {
@@ -86,27 +84,18 @@ LoggerUtils* LoggerUtils::GetInstance() {
 void LoggerUtils::Open(const std::string& log_dir, const std::string& level) {
     const int level_number = Poco::Logger::parseLevel(level);
     const std::string path = log_dir + "/" + kLogName;
-    // Opening it here first gives a reason to report and keeps Poco from blocking on a FIFO.
-    const int error = FileUtils::WriteFile(path, "", true);
-    if (error != 0) {
+    Poco::AutoPtr<LogFile> file(new LogFile(path, new LineFormatter));
+    if (const int error = file->OpenFile(); error != 0) {
         throw Poco::OpenFileException("log file " + path + ": " + Poco::Error::getMessage(error),
                                       error);
     }
-    Poco::AutoPtr<Poco::FileChannel> file(new Poco::FileChannel(path));
-    file->setProperty("rotation", "10 M");
-    file->setProperty("archive", "number");
-    file->setProperty("purgeCount", "5");
-    file->open();
-    const Poco::AutoPtr<LineFormatter> formatter(new LineFormatter);
-    const Poco::AutoPtr<Poco::FormattingChannel> channel(
-        new Poco::FormattingChannel(formatter, file));
 
     const std::lock_guard<std::mutex> lock(mutex_);
     log_dir_ = log_dir;
     // By name this reaches the loggers made already, which hold copies of the root's settings, and
     // only those: the root has to be among them for the later ones to inherit from it.
     Poco::Logger::root();
-    Poco::Logger::setChannel("", channel);
+    Poco::Logger::setChannel("", file);
     Poco::Logger::setLevel("", level_number);
 }
 

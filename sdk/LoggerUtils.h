@@ -18,10 +18,10 @@ public:
 
     // Sends every logger, those that exist included, to LOG_DIR/watchpost.log at `level` (a level
     // name of Poco or its number). Each message is one line whatever its text: control characters
-    // and bytes that are not UTF-8 are written as \n, \r or \xNN, only tabs are kept. At 10 MiB the
-    // file is renamed, five old ones are kept. Throws Poco::InvalidArgumentException for the level
-    // and Poco::OpenFileException naming the path for the file, with the loggers as they were. The
-    // directory must exist.
+    // and bytes that are not UTF-8 are written as \n, \r or \xNN, only tabs are kept. LogFile.h
+    // tells how the file rotates and what becomes of messages that cannot be written: logging never
+    // throws. Throws Poco::InvalidArgumentException for the level and Poco::OpenFileException
+    // naming the path for the file, with the loggers as they were. The directory must exist.
     void Open(const std::string& log_dir, const std::string& level);
 
     // The directory as given to Open, before that the installed default.

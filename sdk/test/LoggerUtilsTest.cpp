@@ -1,5 +1,6 @@
 #include <Poco/Exception.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 
 #include <fstream>
@@ -36,6 +37,72 @@ TEST(LoggerUtils, EveryMessageIsOneLineAndAFailedOpenChangesNothing) {
         EXPECT_EQ(line.erase(0, line.find('[')), "[Debug] ea\\nrly Some.cpp:12 " + shown);
     }
     Poco::Logger::setChannel("", nullptr);
+}
+
+// The texts of the lines of a log and its old files, the oldest first.
+std::vector<std::string> Logged(const std::string& path) {
+    std::vector<std::string> texts;
+    for (const char* old : {".4", ".3", ".2", ".1", ".0", ""}) {
+        std::ifstream file(path + old);
+        for (std::string line; std::getline(file, line);) {
+            texts.push_back(line.substr(line.find_last_of(" :") + 1));
+        }
+    }
+    return texts;
+}
+
+TEST(LoggerUtils, AFullDiskCostsNoOldLineAndIsToldOnceThereIsRoom) {
+    const TempDir dir;
+    ASSERT_EQ(mount("small", (dir / "").c_str(), "tmpfs", 0, "size=44m"), 0);
+    const std::string path = dir / "watchpost.log";
+    std::ofstream(path) << "torn";
+    SDK::LoggerUtils* const logs = SDK::LoggerUtils::GetInstance();
+    logs->Open(dir / "", "debug");
+    Poco::Logger& log = *logs->GetModuleLogger("full", false);
+    std::vector<std::string> expected = {"torn"};
+    const std::string large(1 << 20, 'x');
+    const auto write = [&](const std::string& text, bool kept = true) {
+        log.error(text);
+        if (kept) {
+            expected.push_back(text);
+        }
+    };
+    // Fills the rest of the disk, to the last byte; the file's last page takes a few bytes more.
+    const auto fill = [&] {
+        std::ofstream(dir / "filler") << std::string(44 << 20, 'x') << std::flush;
+    };
+    for (int i = 0; i < 27; ++i) {
+        write(std::to_string(i) + large);
+    }
+    EXPECT_TRUE(std::filesystem::exists(path + ".1"));
+    EXPECT_FALSE(std::filesystem::exists(path + ".2"));
+    fill();
+    for (int i = 0; i < 100; ++i) {
+        write(large, false);  // also where a rotation is due
+    }
+    EXPECT_TRUE(Logged(path) == expected);
+    std::filesystem::remove(dir / "filler");
+    expected.emplace_back("device");  // ... not written: No space left on device
+    write("a");
+    std::string last;
+    std::ifstream file(path);
+    while (std::getline(file, last) && last.find("100 messages not written: ") > last.size()) {
+    }
+    EXPECT_TRUE(file);
+    std::filesystem::rename(path, dir / "moved");
+    log.error("b");
+    std::filesystem::remove_all(path);
+    log.error("c");
+    EXPECT_EQ(Logged(dir / "moved").back(), "a");
+    std::ifstream again(path);
+    std::getline(again, last);
+    EXPECT_EQ(last.substr(last.size() - 2), " c");
+    // A FIFO in the file's place neither holds anybody nor gets a line.
+    std::filesystem::remove(path);
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    log.error("d");
+    Poco::Logger::setChannel("", nullptr);
+    EXPECT_EQ(umount2((dir / "").c_str(), MNT_DETACH), 0);
 }
 
 }  // namespace
