@@ -212,6 +212,7 @@ int Watchpost::Serve() {
     LoadModules(module_dir);
     const PolicyDirectory policies(policy_dir, [this](const auto& name, const auto& content) {
         DeliverPolicy(kPolicyType, name, content);
+        EnforcePolicies();
     });
     Daemon::Started();
     while (Signals::Wait() == Signals::Request::kReopen) {

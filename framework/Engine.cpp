@@ -5,7 +5,6 @@
 #include <Poco/Path.h>
 #include <Poco/SharedLibrary.h>
 
-#include <exception>
 #include <utility>
 
 #include "framework/Log.h"
@@ -20,12 +19,8 @@ bool Try(const std::string& what, Step step) {
     try {
         step();
         return true;
-    } catch (const Poco::Exception& e) {
-        Log().error(what + ": " + e.displayText());
-    } catch (const std::exception& e) {
-        Log().error(what + ": " + e.what());
     } catch (...) {
-        Log().error(what + ": unknown exception");
+        LogException({what});
     }
     return false;
 }
@@ -46,32 +41,27 @@ Engine& Engine::Instance() {
 Poco::AutoPtr<Task> Engine::FindTask(const std::string& name) {
     const std::lock_guard<std::mutex> lock(mutex_);
     const auto found = tasks_.find(name);
-    return found == tasks_.end() ? Poco::AutoPtr<Task>() : found->second->task;
+    return found == tasks_.end() ? Poco::AutoPtr<Task>() : found->second->GetTask();
 }
 
 bool Engine::StartTask(Poco::AutoPtr<Task> task) {
+    return !stopping_ && StartTask(std::make_shared<TaskThread>(std::move(task)));
+}
+
+bool Engine::StartTask(const std::shared_ptr<TaskThread>& thread) {
     if (stopping_) {
         return false;
     }
+    Poco::AutoPtr<Task> task = thread->GetTask();
     const std::string name = task->name();
-    auto running = std::make_unique<RunningTask>();
-    running->task = task;
-    running->thread.setName(name);
-    Poco::Thread& thread = running->thread;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        if (!tasks_.emplace(name, std::move(running)).second) {
+        if (!tasks_.emplace(name, thread).second) {
             Log().error("task " + name + " not started: one of that name runs already");
             return false;
         }
     }
-    try {
-        thread.start(*task);
-    } catch (...) {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        tasks_.erase(name);
-        throw;
-    }
+    thread->Begin();
     if (task->WaitForInit()) {
         return true;
     }
@@ -81,26 +71,24 @@ bool Engine::StartTask(Poco::AutoPtr<Task> task) {
 }
 
 void Engine::StopTask(const std::string& name) {
-    if (Poco::AutoPtr<Task> task = FindTask(name)) {
-        task->RequestStop();
-    }
-    RunningTask* running = nullptr;
+    std::shared_ptr<TaskThread> running;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         const auto found = tasks_.find(name);
         if (found == tasks_.end()) {
             return;
         }
-        running = found->second.get();
+        running = found->second;
     }
+    running->GetTask()->RequestStop();
     // Joined before it leaves the map: what the task does on its way out can still find others,
     // and others it.
-    running->thread.join();
-    std::unique_ptr<RunningTask> ended;
+    running->Join();
     const std::lock_guard<std::mutex> lock(mutex_);
     const auto found = tasks_.find(name);
-    ended = std::move(found->second);
-    tasks_.erase(found);
+    if (found != tasks_.end() && found->second == running) {
+        tasks_.erase(found);
+    }
 }
 
 void Engine::ReportUnknownReceiver(const std::string& name) {
@@ -154,6 +142,13 @@ void Engine::DeliverPolicy(const std::string& type, const std::string& key,
     for (auto& module : modules_) {
         Try("policy " + key + " not taken by module " + module->name(),
             [&] { module->DeliverPolicy(type, key, text); });
+    }
+}
+
+void Engine::EnforcePolicies() {
+    for (auto& module : modules_) {
+        Try(std::string("policies of module ") + module->name() + " not put to work",
+            [&] { module->EnforcePolicies(); });
     }
 }
 

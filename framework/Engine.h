@@ -1,7 +1,6 @@
 #pragma once
 
 #include <Poco/AutoPtr.h>
-#include <Poco/Thread.h>
 #include <Poco/Util/ServerApplication.h>
 
 #include <atomic>
@@ -14,6 +13,7 @@
 
 #include "framework/Module.h"
 #include "framework/Task.h"
+#include "framework/TaskThread.h"
 
 namespace Framework {
 
@@ -33,9 +33,11 @@ public:
 
     // Gives the task its thread and waits for its Init. False, with an error line, when Init
     // fails or a task of that name runs already, and without one at a stop; the task is then gone.
+    // The first throws Poco::SystemException when no thread can be had.
     bool StartTask(Poco::AutoPtr<Task> task);
-    // Stops the task and waits until it has ended. Unknown names are ignored. Not to be called on a
-    // task's thread.
+    bool StartTask(const std::shared_ptr<TaskThread>& thread);
+    // Stops the task and waits until it has ended. Unknown names are ignored. Any thread but a
+    // task's, several at once too.
     void StopTask(const std::string& name);
 
     // Logs an error line, the first time for each name. Any thread.
@@ -45,25 +47,24 @@ public:
     // loaded is an error line and the rest go on. Throws Poco::Exception when the directory
     // cannot be read.
     void LoadModules(const std::string& directory);
-    // Hands a document to each module with a callback for `type`; one thread at a time.
+    // Hands a document to each module with a callback for `type`, for the next EnforcePolicies to
+    // put to work. Both on one thread at a time.
     void DeliverPolicy(const std::string& type, const std::string& key, const std::string& text);
+    // Puts to work what the modules have accepted since the previous call, and what that could not
+    // start.
+    void EnforcePolicies();
     // From here on no task starts, so that a delivery in progress ends without one. Any thread.
     void RefuseTasks() { stopping_ = true; }
     // Ends the modules one by one, each with its tasks.
     void StopModules();
 
 private:
-    struct RunningTask {
-        Poco::AutoPtr<Task> task;
-        Poco::Thread thread;
-    };
-
     void LoadModule(const std::string& path);
 
     std::atomic<bool> stopping_{false};
     std::vector<Poco::AutoPtr<Module>> modules_;
     std::mutex mutex_;  // guards the two below
-    std::map<std::string, std::unique_ptr<RunningTask>> tasks_;
+    std::map<std::string, std::shared_ptr<TaskThread>> tasks_;
     std::set<std::string> unknown_receivers_;
 };
 

@@ -2,6 +2,7 @@
 
 #include <Poco/Timestamp.h>
 
+#include <cstddef>
 #include <string>
 #include <utility>
 
@@ -17,6 +18,9 @@ public:
 
     // Time of construction, microseconds since the epoch, UTC.
     const Poco::Timestamp& Created() const { return created_; }
+
+    // Bytes that the message holds, besides itself; queues are bounded by it.
+    virtual std::size_t Size() const { return 0; }
 
     // Name of the sending task; empty until the message is sent.
     const std::string& Sender() const { return sender_; }
@@ -34,6 +38,7 @@ public:
     DataMessage(std::string type, std::string content)
         : type_(std::move(type)), content_(std::move(content)) {}
 
+    std::size_t Size() const override { return type_.size() + content_.size(); }
     const std::string& Type() const { return type_; }
     const std::string& Content() const { return content_; }
 

@@ -5,26 +5,35 @@ namespace Framework {
 EnqueueResult MessageQueue::Push(const std::shared_ptr<Message>& message,
                                  std::chrono::milliseconds patience) {
     std::unique_lock<std::mutex> lock(mutex_);
-    room_.wait_for(lock, patience, [this] { return closed_ || messages_.size() < capacity_; });
+    room_.wait_for(lock, patience, [&] { return closed_ || HasRoomFor(*message); });
     if (closed_) {
         return EnqueueResult::kClosed;
     }
-    if (messages_.size() >= capacity_) {
+    if (!HasRoomFor(*message)) {
         return EnqueueResult::kFull;
     }
-    messages_.push_back(message);
-    ready_.notify_one();
+    Add(message);
     return EnqueueResult::kQueued;
 }
 
-EnqueueResult MessageQueue::PushOverCapacity(const std::shared_ptr<Message>& message) {
+EnqueueResult MessageQueue::PushOverBounds(const std::shared_ptr<Message>& message) {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (closed_) {
         return EnqueueResult::kClosed;
     }
-    messages_.push_back(message);
-    ready_.notify_one();
+    Add(message);
     return EnqueueResult::kQueued;
+}
+
+bool MessageQueue::HasRoomFor(const Message& message) const {
+    return messages_.empty() ||
+           (messages_.size() < capacity_ && bytes_ + message.Size() <= kMaxBytes);
+}
+
+void MessageQueue::Add(const std::shared_ptr<Message>& message) {
+    messages_.push_back(message);
+    bytes_ += message->Size();
+    ready_.notify_one();
 }
 
 std::shared_ptr<Message> MessageQueue::Pop(Clock::time_point deadline) {
@@ -41,8 +50,9 @@ std::shared_ptr<Message> MessageQueue::Pop(Clock::time_point deadline) {
     }
     std::shared_ptr<Message> message = std::move(messages_.front());
     messages_.pop_front();
+    bytes_ -= message->Size();
     // Not at each message: a waiting sender would be woken to send a single one.
-    if (messages_.size() <= capacity_ / 2) {
+    if (messages_.size() <= capacity_ / 2 && bytes_ <= kMaxBytes / 2) {
         room_.notify_all();
     }
     return message;

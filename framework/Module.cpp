@@ -1,5 +1,9 @@
 #include "framework/Module.h"
 
+#include <Poco/Exception.h>
+
+#include <utility>
+
 #include "framework/Engine.h"
 #include "framework/Log.h"
 
@@ -25,8 +29,7 @@ void Module::UnInit() {
 Policy* Module::RefreshPolicy(const std::string& type, const std::string& key,
                               const std::string& text, Policy*& current) {
     const auto found = features_.find(type);
-    if (found == features_.end() || found->second.callback == nullptr ||
-        found->second.callback->withdrawn) {
+    if (found == features_.end() || found->second.callback == nullptr || found->second.withdrawn) {
         return nullptr;
     }
     return found->second.callback->invoke(key, text, current);
@@ -45,29 +48,56 @@ void Module::DeliverPolicy(const std::string& type, const std::string& key,
     try {
         accepted = Accepted(type, key, text, feature.policy.get());
     } catch (...) {
-        KeepInForce(feature);
+        Refuse(feature);
         throw;
     }
     if (accepted == nullptr) {
-        KeepInForce(feature);
+        Refuse(feature);
+        return;
+    }
+    if (feature.next.policy != nullptr) {
+        Log().information("policy " + feature.next.key + " gives way to policy " + key);
+    }
+    feature.next = {key, std::move(accepted), std::move(registered_)};
+    registered_.clear();
+}
+
+void Module::EnforcePolicies() {
+    for (auto& [type, feature] : features_) {
+        if (feature.next.policy != nullptr) {
+            Enforce(feature);
+        }
+    }
+}
+
+void Module::Enforce(Feature& feature) {
+    Candidate& next = feature.next;
+    std::vector<std::shared_ptr<TaskThread>> threads;
+    try {
+        for (auto& task : next.tasks) {
+            if (next.policy->Enabled()) {
+                task->Attach(next.policy.get(), *next.policy->FindTaskPolicy(task->name()));
+                threads.push_back(std::make_shared<TaskThread>(task));
+            }
+        }
+    } catch (const Poco::SystemException&) {
+        if (!std::exchange(next.failed, true)) {
+            LogException({"policy ", next.key, " has to wait, to be tried again"});
+        }
         return;
     }
 
     StopTasks(feature.tasks);
-    accepted->Dispatch(feature.policy.get());
-    feature.policy = std::move(accepted);
-    std::vector<Poco::AutoPtr<Task>> tasks;
-    tasks.swap(registered_);
-    if (!feature.policy->Enabled()) {
-        Log().information("feature " + feature.policy->Name() + " is switched off by policy " +
-                          key);
-        return;
-    }
-    Log().information("feature " + feature.policy->Name() + " follows policy " + key);
-    for (auto& task : tasks) {
-        task->Attach(feature.policy.get(), *feature.policy->FindTaskPolicy(task->name()));
-        if (Engine::Instance().StartTask(task)) {
-            feature.tasks.push_back(task->name());
+    next.policy->Dispatch(feature.policy.get());
+    feature.policy = std::move(next.policy);
+    Log().information(
+        "feature " + feature.policy->Name() +
+        (feature.policy->Enabled() ? " follows policy " : " is switched off by policy ") +
+        next.key);
+    next = {};
+    for (const auto& thread : threads) {
+        if (Engine::Instance().StartTask(thread)) {
+            feature.tasks.push_back(thread->GetTask()->name());
         }
     }
 }
@@ -91,9 +121,9 @@ std::unique_ptr<FeaturePolicy> Module::Accepted(const std::string& type, const s
     return accepted;
 }
 
-void Module::KeepInForce(Feature& feature) {
+void Module::Refuse(Feature& feature) {
     registered_.clear();
-    if (feature.policy != nullptr) {
+    if (feature.policy != nullptr && feature.next.policy == nullptr) {
         feature.policy->SetChanged(false);
     }
 }
@@ -115,12 +145,13 @@ std::string Module::Refusal(const FeaturePolicy& policy) const {
 
 void Module::RegisterPolicyCallback(const std::string& type, AbstractPolicyCallback* callback) {
     features_[type].callback.reset(callback);
+    features_[type].withdrawn = false;
 }
 
 void Module::UnRegisterPolicyCallback(const std::string& type) {
     const auto found = features_.find(type);
-    if (found != features_.end() && found->second.callback != nullptr) {
-        found->second.callback->withdrawn = true;
+    if (found != features_.end()) {
+        found->second.withdrawn = true;
     }
 }
 

@@ -32,10 +32,14 @@ public:
     virtual Policy* RefreshPolicy(const std::string& type, const std::string& key,
                                   const std::string& text, Policy*& current);
 
-    // Delivers one document and puts the policy it gives into force: the tasks of the previous
-    // policy end, then those registered during the delivery start. What is refused, here with an
-    // error line or by the callback, changes nothing that runs. Returns when the change is done.
+    // Takes one document. The policy it gives waits for EnforcePolicies, in the place of one that
+    // waits already. What is refused, here with an error line or by the callback, changes nothing.
     void DeliverPolicy(const std::string& type, const std::string& key, const std::string& text);
+
+    // Puts each policy that waits into force: the tasks of the previous one end, then those
+    // registered with the document start; returns when that is done. Where no thread can be had for
+    // them, nothing ends and the policy waits on, with an error line the first time.
+    void EnforcePolicies();
 
 protected:
     // A document of `type` from now on goes to `callback`, which the module then owns. A null
@@ -45,7 +49,7 @@ protected:
 
     // Takes ownership of `task`. start_now: the task needs no policy and starts at once.
     // Otherwise it belongs to the delivery in progress: it starts with that delivery's policy, or
-    // is dropped when the document is refused.
+    // is dropped with it.
     void RegisterTask(Task* task, bool start_now);
 
     // For an application that keeps its modules as subsystems: Init and UnInit.
@@ -55,18 +59,28 @@ protected:
     ~Module() override = default;
 
 private:
-    // One policy type: its callback and what is in force through it.
+    // An accepted policy, not yet in force, with the tasks that are to follow it.
+    struct Candidate {
+        std::string key;
+        std::unique_ptr<FeaturePolicy> policy;
+        std::vector<Poco::AutoPtr<Task>> tasks;
+        bool failed = false;  // no thread could be had for the tasks
+    };
+    // One policy type: its callback, what is in force through it, and what is to follow.
     struct Feature {
         std::unique_ptr<AbstractPolicyCallback> callback;
+        bool withdrawn = false;
         std::unique_ptr<FeaturePolicy> policy;
         std::vector<std::string> tasks;
+        Candidate next;
     };
 
     // The policy that a document gives, or null when it is refused.
     std::unique_ptr<FeaturePolicy> Accepted(const std::string& type, const std::string& key,
                                             const std::string& text, Policy* current);
     // Ends a delivery that changes nothing.
-    void KeepInForce(Feature& feature);
+    void Refuse(Feature& feature);
+    static void Enforce(Feature& feature);
     // Why a policy cannot drive the tasks registered with it; empty when it can.
     std::string Refusal(const FeaturePolicy& policy) const;
     static void StopTasks(std::vector<std::string>& names);

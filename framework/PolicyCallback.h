@@ -16,9 +16,6 @@ public:
     // which the caller then owns, or null when the document is refused.
     virtual Policy* invoke(const std::string& key, const std::string& text,
                            Policy*& current) const = 0;
-
-    // Set when the module withdraws it: it gets no more documents, and lives as long as the module.
-    bool withdrawn = false;
 };
 
 // Calls a member operation of a module.
@@ -39,6 +36,9 @@ public:
 private:
     ModuleType* module_;
     Operation operation_;
+
+public:
+    bool flag = false;  // for whoever holds the callback; not read here
 };
 
 }  // namespace Framework

@@ -1,10 +1,8 @@
 #include "framework/Task.h"
 
-#include <Poco/Exception.h>
 #include <pthread.h>
 
 #include <csignal>
-#include <exception>
 
 #include "framework/Engine.h"
 #include "framework/Log.h"
@@ -26,12 +24,8 @@ template <typename Step>
 int Task::Guarded(const char* what, int otherwise, Step step) {
     try {
         return step();
-    } catch (const Poco::Exception& e) {
-        Log().error("task " + name() + ": " + what + " failed: " + e.displayText());
-    } catch (const std::exception& e) {
-        Log().error("task " + name() + ": " + what + " failed: " + e.what());
     } catch (...) {
-        Log().error("task " + name() + ": " + what + " failed");
+        LogException({"task ", name(), ": ", what, " failed"});
     }
     return otherwise;
 }
@@ -138,7 +132,7 @@ void Task::SendDirectMsg(const std::string& receiver, std::shared_ptr<Message> m
         result = task->EnqueueMsg(message);
     }
     if (result == EnqueueResult::kFull) {
-        result = task->queue_.PushOverCapacity(message);
+        result = task->queue_.PushOverBounds(message);
     }
     if (result == EnqueueResult::kClosed) {
         engine.ReportUnknownReceiver(receiver);

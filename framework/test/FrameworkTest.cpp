@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <atomic>
+#include <future>
 #include <stdexcept>
 
 #include "framework/Engine.h"
@@ -68,32 +70,42 @@ private:
 };
 
 TEST(Task, QueueHoldsSendersBackKeepsOrderAndLosesNothing) {
-    for (const bool sender_is_stopped : {false, true}) {
+    struct Case {
+        std::size_t capacity, padding;
+        int sent_at_once;  // one is being handled, the others are queued
+        bool sender_is_stopped;
+    };
+    constexpr std::size_t kMebi = 1 << 20;
+    for (const Case& c : {Case{2, 0, 3, false}, Case{2, 0, 3, true}, Case{1024, 3 * kMebi, 3, true},
+                          Case{1024, 9 * kMebi, 2, false}}) {
+        const std::string padding = " " + std::string(c.padding, 'x');
         std::mutex gate;
         std::atomic<int> sent{0};
         const auto handle = [&gate](const std::string& step) {
             const Lock wait(gate);
-            Tell(step);
+            Tell(step.substr(0, step.find(' ')));
         };
-        auto* const receiver = new Probe("receiver", 0, handle, 2);
+        auto* const receiver = new Probe("receiver", 0, handle, c.capacity);
         Probe* sender = nullptr;
         sender = new Probe("sender", 3600, [&](const std::string& step) {
             for (; step == "Run" && sent < 9; ++sent) {
-                sender->Send("receiver", std::to_string(sent));
+                sender->Send("receiver", std::to_string(sent) + padding);
             }
         });
         engine.StartTask(receiver);
         std::unique_lock<std::mutex> closed(gate);
         engine.StartTask(sender);
-        // One message is being handled, two are queued; the fourth waits for room.
-        EXPECT_TRUE(Await([&] { return sent == 3; }));
+        EXPECT_TRUE(Await([&] { return sent == c.sent_at_once; }));
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
-        EXPECT_EQ(3, sent);
-        sender_is_stopped ? sender->RequestStop() : closed.unlock();
+        EXPECT_EQ(c.sent_at_once, sent);
+        c.sender_is_stopped ? sender->RequestStop() : closed.unlock();
         EXPECT_TRUE(Await([&] { return sent == 9; }));
         receiver->RequestStop();
         closed = {};
+        // From two threads at once.
+        auto other = std::async(std::launch::async, [] { engine.StopTask("sender"); });
         engine.StopTask("sender");
+        other.get();
         engine.StopTask("receiver");
         Expect("Init;0;1;2;3;4;5;6;7;8;UnInit;gone;");
     }
@@ -134,7 +146,7 @@ TEST(Task, RunsOnceAPeriodWithoutCatchingUpWhateverMessagesAndFaultsCome) {
         EXPECT_GE(starts[i] - long_cycle_end, std::chrono::seconds(i - 1)) << "run " << i;
     }
     EXPECT_EQ(runs, log.Count("3 task busy: Run failed: odd"));
-    EXPECT_LT(1, log.Count("3 task busy: HandleMsg failed"));
+    EXPECT_LT(1, log.Count("3 task busy: HandleMsg failed: unknown exception"));
     EXPECT_EQ(1, log.Holding("3 messages for the task " + nobody + " are dropped"));
     EXPECT_FALSE(engine.StartTask(new Probe("unborn", 1, [](const std::string& step) {
         Tell(step);
@@ -178,9 +190,13 @@ public:
 TEST(Delivery, ReplacesInOrderSwitchesOffAndARefusedDocumentChangesNothing) {
     const LogCapture log("watchpost");
     Poco::AutoPtr<WorkerModule> module(new WorkerModule);
-    const auto deliver = [&](const std::string& key, const std::function<Policy*()>& gives) {
+    const auto judge = [&](const std::string& key, const std::function<Policy*()>& gives) {
         module->gives = gives;
         module->DeliverPolicy("10001", key, "");
+    };
+    const auto deliver = [&](const std::string& key, const std::function<Policy*()>& gives) {
+        judge(key, gives);
+        module->EnforcePolicies();
     };
     const auto good = [] { return new WorkerPolicy("worker", 3600); };
     deliver("a", good);
@@ -199,7 +215,22 @@ TEST(Delivery, ReplacesInOrderSwitchesOffAndARefusedDocumentChangesNothing) {
                  std::runtime_error);
     Expect("x gone;");
     EXPECT_EQ(3, log.Holding("3 module workers: policy x refused: "));
-    deliver("b", good);
+    // Of several only the last one is put to work, and where it gets no thread the old one runs on.
+    judge("first", good);
+    judge("b", good);
+    judge("x", kRefused[0]);
+    Expect("first gone;x gone;");
+    pthread_attr_t usual;
+    pthread_attr_t huge;
+    ASSERT_EQ(0, pthread_getattr_default_np(&usual));
+    ASSERT_EQ(0, pthread_attr_init(&huge));
+    ASSERT_EQ(0, pthread_attr_setstacksize(&huge, 1UL << 46U));
+    ASSERT_EQ(0, pthread_setattr_default_np(&huge));
+    module->EnforcePolicies();
+    module->EnforcePolicies();
+    ASSERT_EQ(0, pthread_setattr_default_np(&usual));
+    EXPECT_EQ(1, log.Holding("3 policy b has to wait"));
+    module->EnforcePolicies();
     Expect("a UnInit;a gone;in force;b Init;b Run;");
     deliver("off", [&] {
         auto* const policy = good();
@@ -219,6 +250,7 @@ TEST(Modules, BadOnesAreOneErrorLineEachAndTheSoundOneWorks) {
     }
     EXPECT_EQ(5, log.Errors());
     engine.DeliverPolicy("10001", "good.json", "document");
+    engine.EnforcePolicies();
     engine.StopModules();
     // The module that failed had started its task; that one has ended, too.
     std::string texts;

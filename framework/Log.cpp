@@ -1,0 +1,37 @@
+#include "framework/Log.h"
+
+#include <Poco/Exception.h>
+
+#include <exception>
+#include <string>
+
+namespace Framework {
+
+namespace {
+
+std::string DescribeException() {
+    try {
+        throw;
+    } catch (const Poco::Exception& e) {
+        return e.displayText();
+    } catch (const std::exception& e) {
+        return e.what();
+    } catch (...) {
+        return "unknown exception";
+    }
+}
+
+}  // namespace
+
+void LogException(std::initializer_list<std::string_view> what) noexcept {
+    try {
+        std::string text;
+        for (const std::string_view piece : what) {
+            text += piece;
+        }
+        Log().error(text + ": " + DescribeException());
+    } catch (...) {
+    }
+}
+
+}  // namespace Framework
