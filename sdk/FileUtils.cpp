@@ -15,9 +15,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
-#include <utility>
-
-#include "sdk/Descriptor.h"
+#include <vector>
 
 namespace SDK::FileUtils {
 namespace {
@@ -52,24 +50,82 @@ int AdoptRegular(int fd, Descriptor& file, struct stat& status) {
 
 // Files of the kernel's own say they are regular, and reading some takes away what others wait for.
 bool IsOfKernel(int fd) {
+    constexpr unsigned kConfigFs = 0x62656570;  // not in the kernel's header of all such numbers
+    constexpr unsigned kAppArmorFs = 0x5a3c69f0;
+    constexpr std::array<unsigned, 14> kKernelTypes = {
+        PROC_SUPER_MAGIC,    SYSFS_MAGIC,      TRACEFS_MAGIC, DEBUGFS_MAGIC,  CGROUP_SUPER_MAGIC,
+        CGROUP2_SUPER_MAGIC, SECURITYFS_MAGIC, BPF_FS_MAGIC,  BINFMTFS_MAGIC, kConfigFs,
+        EFIVARFS_MAGIC,      PSTOREFS_MAGIC,   SELINUX_MAGIC, kAppArmorFs};
     struct statfs status {};
-    if (fstatfs(fd, &status) != 0) {
-        return false;
-    }
-    constexpr std::array<unsigned, 4> kKernelTypes = {PROC_SUPER_MAGIC, SYSFS_MAGIC, TRACEFS_MAGIC,
-                                                      DEBUGFS_MAGIC};
-    return std::find(kKernelTypes.begin(), kKernelTypes.end(),
+    return fstatfs(fd, &status) == 0 &&
+           std::find(kKernelTypes.begin(), kKernelTypes.end(),
                      static_cast<unsigned>(status.f_type)) != kKernelTypes.end();
 }
 
-int OpenRegular(const std::string& path, int flags, Descriptor& file, struct stat& status) {
+// A handle only names a file: merely opening a device can set it off.
+int OpenHandle(int dir, const std::string& name, int flags, Descriptor& handle) {
+    return handle.Reset(openat(dir, name.c_str(), O_PATH | O_CLOEXEC | flags));
+}
+
+int ReadLink(int link, std::string& target) {
+    std::array<char, PATH_MAX> text{};
+    const ssize_t length = readlinkat(link, "", text.data(), text.size());
+    if (length <= 0 || static_cast<size_t>(length) == text.size()) {
+        return length < 0 ? errno : ENAMETOOLONG;
+    }
+    target.assign(text.data(), static_cast<size_t>(length));
+    return 0;
+}
+
+// A handle of the file at `path`, for which the links from its last name on are walked here one by
+// one: the kernel's own walk tells nothing of their owners.
+int OpenTrustedHandle(const std::string& path, Descriptor& handle) {
+    constexpr size_t kMaxLinks = 40;  // as many as the kernel follows
+    const size_t slash = path.rfind('/') + 1;
+    Descriptor dir;
+    int error = OpenHandle(AT_FDCWD, slash == 0 ? "." : path.substr(0, slash), O_DIRECTORY, dir);
+    std::vector<uid_t> owners;
+    for (std::string rest = path.substr(slash); error == 0;) {
+        const size_t end = std::min(rest.find('/'), rest.size());
+        const std::string name = end == 0 ? "." : rest.substr(0, end);
+        rest.erase(0, rest.find_first_not_of('/', end));
+        struct stat status {};
+        error = OpenHandle(dir.Get(), name, O_NOFOLLOW, handle);
+        if (error == 0 && fstat(handle.Get(), &status) != 0) {
+            error = errno;
+        }
+        if (error == 0 && S_ISLNK(status.st_mode)) {
+            std::string target;
+            owners.push_back(status.st_uid);
+            error = owners.size() > kMaxLinks ? ELOOP : ReadLink(handle.Get(), target);
+            if (error == 0 && target[0] == '/') {
+                error = OpenHandle(AT_FDCWD, "/", O_DIRECTORY, dir);
+            }
+            rest = target + "/" + rest;
+        } else if (error == 0 && rest.empty()) {
+            const bool trusted = std::all_of(owners.begin(), owners.end(), [&](uid_t owner) {
+                return owner == 0 || owner == status.st_uid;
+            });
+            return trusted ? 0 : EACCES;
+        } else if (error == 0) {
+            dir.Reset(handle.Release());
+        }
+    }
+    return error;
+}
+
+int OpenRegular(const std::string& path, int flags, Descriptor& file, struct stat& status,
+                Links links = Links::kAll) {
     if (path.find('\0') != std::string::npos) {
         return EINVAL;
     }
-    // First a handle that only names the file: merely opening a device can set it off, and whoever
-    // owns the path may put another file there at any moment.
+    // Whoever owns the path may put another file there at any moment: what is looked at is opened.
     Descriptor handle;
-    const int error = AdoptRegular(open(path.c_str(), O_PATH | O_CLOEXEC), handle, status);
+    int error = links == Links::kTrusted ? OpenTrustedHandle(path, handle)
+                                         : OpenHandle(AT_FDCWD, path, 0, handle);
+    if (error == 0) {
+        error = fstat(handle.Get(), &status) == 0 ? CheckRegular(status) : errno;
+    }
     if (error != 0) {
         return error;
     }
@@ -86,7 +142,7 @@ int ReadPieces(int fd, size_t limit, const Consumer& consume) {
     // Not zeroed: most files are far smaller.
     const std::unique_ptr<char[]> buffer(new char[kBufferSize]);
     for (size_t total = 0;;) {
-        const ssize_t got = read(fd, buffer.get(), kBufferSize);
+        const ssize_t got = pread(fd, buffer.get(), kBufferSize, static_cast<off_t>(total));
         if (got == 0) {
             return 0;
         }
@@ -107,26 +163,22 @@ int ReadPieces(int fd, size_t limit, const Consumer& consume) {
     }
 }
 
+// The state of an open file, unless it is larger than `limit`.
+int CheckSize(int fd, size_t limit, struct stat& status) {
+    if (fstat(fd, &status) != 0) {
+        return errno;
+    }
+    return static_cast<uint64_t>(status.st_size) > limit ? EFBIG : 0;
+}
+
 int ReadFileAndStatus(const std::string& path, std::string& content, size_t limit,
                       struct stat& status) {
-    Descriptor file;
-    if (const int error = OpenRegular(path, O_RDONLY, file, status); error != 0) {
-        return error;
+    Reader file;
+    int error = file.Open(path);
+    if (error == 0 && fstat(file.Get(), &status) != 0) {
+        error = errno;
     }
-    const auto size = static_cast<uint64_t>(status.st_size);
-    if (size > limit) {
-        return EFBIG;
-    }
-    std::string read_content;
-    read_content.reserve(size);
-    const int error = ReadPieces(file.Get(), limit, [&](const char* data, size_t length) {
-        read_content.append(data, length);
-        return 0;
-    });
-    if (error == 0) {
-        content.swap(read_content);
-    }
-    return error;
+    return error == 0 ? file.Read(content, limit) : error;
 }
 
 int WriteAll(int fd, const std::string& content) {
@@ -333,36 +385,47 @@ struct FreeDigest {
 
 }  // namespace
 
-int ReadFile(const std::string& path, std::string& content, size_t limit) {
+int Reader::Open(const std::string& path, Links links) {
     struct stat status {};
-    return ReadFileAndStatus(path, content, limit, status);
+    return OpenRegular(path, O_RDONLY, file_, status, links);
 }
 
-int WriteFile(const std::string& path, const std::string& content, bool append) {
-    return append ? AppendToFile(path, content) : ReplaceFile(path, content, nullptr);
+int Reader::GetStamp(FileStamp& stamp) const {
+    struct stat status {};
+    if (fstat(file_.Get(), &status) != 0) {
+        return errno;
+    }
+    stamp = FileStamp(status);
+    return 0;
 }
 
-int SafeCopyFile(const std::string& source, const std::string& destination, size_t limit) {
-    std::string content;
+int Reader::Read(std::string& content, size_t limit) const {
     struct stat status {};
-    const int error = ReadFileAndStatus(source, content, limit, status);
-    return error == 0 ? ReplaceFile(destination, content, &status) : error;
-}
-
-int GetFileSha256(const std::string& path, std::string& hash, size_t limit) {
-    Descriptor file;
-    struct stat status {};
-    if (const int error = OpenRegular(path, O_RDONLY, file, status); error != 0) {
+    if (const int error = CheckSize(file_.Get(), limit, status); error != 0) {
         return error;
     }
-    if (static_cast<uint64_t>(status.st_size) > limit) {
-        return EFBIG;
+    std::string read_content;
+    read_content.reserve(static_cast<size_t>(status.st_size));
+    const int error = ReadPieces(file_.Get(), limit, [&](const char* data, size_t length) {
+        read_content.append(data, length);
+        return 0;
+    });
+    if (error == 0) {
+        content.swap(read_content);
+    }
+    return error;
+}
+
+int Reader::GetSha256(std::string& hash, size_t limit) const {
+    struct stat status {};
+    if (const int error = CheckSize(file_.Get(), limit, status); error != 0) {
+        return error;
     }
     const std::unique_ptr<EVP_MD_CTX, FreeDigest> digest(EVP_MD_CTX_new());
     if (!digest || EVP_DigestInit_ex(digest.get(), EVP_sha256(), nullptr) != 1) {
         return EIO;
     }
-    const int error = ReadPieces(file.Get(), limit, [&](const char* data, size_t length) {
+    const int error = ReadPieces(file_.Get(), limit, [&](const char* data, size_t length) {
         return EVP_DigestUpdate(digest.get(), data, length) == 1 ? 0 : EIO;
     });
     if (error != 0) {
@@ -381,6 +444,29 @@ int GetFileSha256(const std::string& path, std::string& hash, size_t limit) {
     }
     hash.swap(text);
     return 0;
+}
+
+int ReadFile(const std::string& path, std::string& content, size_t limit, Links links) {
+    Reader file;
+    const int error = file.Open(path, links);
+    return error == 0 ? file.Read(content, limit) : error;
+}
+
+int WriteFile(const std::string& path, const std::string& content, bool append) {
+    return append ? AppendToFile(path, content) : ReplaceFile(path, content, nullptr);
+}
+
+int SafeCopyFile(const std::string& source, const std::string& destination, size_t limit) {
+    std::string content;
+    struct stat status {};
+    const int error = ReadFileAndStatus(source, content, limit, status);
+    return error == 0 ? ReplaceFile(destination, content, &status) : error;
+}
+
+int GetFileSha256(const std::string& path, std::string& hash, size_t limit) {
+    Reader file;
+    const int error = file.Open(path);
+    return error == 0 ? file.GetSha256(hash, limit) : error;
 }
 
 int OpenForReading(const std::string& path, int& descriptor) {

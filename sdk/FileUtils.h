@@ -4,19 +4,51 @@
 #include <cstdint>
 #include <string>
 
+#include "sdk/Descriptor.h"
+#include "sdk/FileStamp.h"
+
 // Bounded access to regular files, safe on paths that other users control. Every operation follows
 // symbolic links, may be called from any thread, never blocks on a FIFO or a device and never
 // throws (std::bad_alloc apart). Results are 0 or the errno value of what failed:
 //   EISDIR  the path names a directory
 //   EINVAL  it names a FIFO, a socket, a device or, to be opened, a file of the kernel's own (as in
 //           /proc), or it holds a zero byte
+//   EACCES  also: a link on the way is not trusted
 //   EFBIG   the file holds more than `limit` bytes
 // and otherwise what the system call reported (ENOENT, EACCES, ELOOP, ENOSPC, ...).
 namespace SDK::FileUtils {
 
+// Which links at the end of a path are followed.
+enum class Links {
+    kAll,
+    // Those that belong to root or to the owner of the file they lead to: nobody gets a file of
+    // another's read by the agent, which may read them all. The directories in which the path's
+    // last name stands are reached by any link.
+    kTrusted,
+};
+
+// One regular file open for reading, the same one whatever becomes of its path. One thread at a
+// time.
+class Reader {
+public:
+    // Opens the file and nothing but it, whatever the path's owner puts in its place meanwhile.
+    int Open(const std::string& path, Links links = Links::kAll);
+    // The file's state now.
+    int GetStamp(FileStamp& stamp) const;
+    // As ReadFile and GetFileSha256 below, from the file's start each time.
+    int Read(std::string& content, size_t limit) const;
+    int GetSha256(std::string& hash, size_t limit) const;
+    // The descriptor, -1 when nothing is open.
+    int Get() const { return file_.Get(); }
+
+private:
+    Descriptor file_;
+};
+
 // Reads the whole file, at most `limit` bytes (exactly `limit` is fine), also when it grows while
 // it is read; one that shrinks gives what was there. `content` is unchanged on failure.
-int ReadFile(const std::string& path, std::string& content, size_t limit);
+int ReadFile(const std::string& path, std::string& content, size_t limit,
+             Links links = Links::kAll);
 
 // append=false replaces the content: a crash leaves the old file or the new one, whole and on disk,
 // and a failure leaves the old one. Mode and owner of an existing file are kept, a new one gets
@@ -35,8 +67,7 @@ int SafeCopyFile(const std::string& source, const std::string& destination, size
 // not depend on the size of the file. EIO also when the digest is not available.
 int GetFileSha256(const std::string& path, std::string& hash, size_t limit);
 
-// Opens the file for reading, and nothing but it, whatever the path's owner puts in its place
-// meanwhile. The caller closes `descriptor`, which is unchanged on failure.
+// Opens the file as Reader does. The caller closes `descriptor`, which is unchanged on failure.
 int OpenForReading(const std::string& path, int& descriptor);
 
 // The size in bytes as the file system tells it (0 for files of /proc); `size` is unchanged on

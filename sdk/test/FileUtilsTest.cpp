@@ -46,6 +46,51 @@ TEST(FileUtils, PathsThatAreNoRegularFileAreErrorsAtOnce) {
     EXPECT_EQ(EntriesOf(dir), 3) << "nothing is left behind";
 }
 
+TEST(FileUtils, TrustedLinksAreThoseOfRootAndOfTheFilesOwner) {
+    constexpr uid_t kEve = 1000;
+    constexpr uid_t kAnn = 2000;
+    const TempDir dir;
+    // Each name is a file, or a link to what stands behind the arrow.
+    const struct {
+        std::string name, target;
+        uid_t owner;
+        int error;
+    } cases[] = {{"roots", "", 0, 0},
+                 {"eves", "", kEve, 0},
+                 {"good", "eves", kEve, 0},
+                 {"admins", dir / "eves", 0, 0},
+                 {"chain", dir / "home/.//home/good", kEve, 0},
+                 {"bad", "roots", kEve, EACCES},
+                 {"anns", "eves", kAnn, EACCES},
+                 {"shadow", "/etc/shadow", kEve, EACCES},
+                 {"own", "/etc/shadow", 0, 0},
+                 {"by_root", "bad", 0, EACCES},
+                 {"by_dir", "home/roots", kEve, EACCES},
+                 {"loop", "loop", kEve, ELOOP},
+                 {"dangling", "none", kEve, ENOENT},
+                 {"device", "/dev/zero", 0, EINVAL},
+                 {"through", "eves/x", kEve, ENOTDIR}};
+    ASSERT_EQ(symlink(".", (dir / "home").c_str()), 0);
+    ASSERT_EQ(lchown((dir / "home").c_str(), kEve, kEve), 0);
+    for (const auto& c : cases) {
+        const std::string path = dir / c.name;
+        if (c.target.empty()) {
+            ASSERT_EQ(WriteFile(path, "x", false), 0);
+        } else {
+            ASSERT_EQ(symlink(c.target.c_str(), path.c_str()), 0);
+        }
+        ASSERT_EQ(lchown(path.c_str(), c.owner, c.owner), 0);
+    }
+    for (const auto& c : cases) {
+        std::string content;
+        Reader file;
+        EXPECT_EQ(ReadFile(dir / c.name, content, 100000, Links::kTrusted), c.error) << c.name;
+        EXPECT_EQ(ReadFile(dir / ("home/home/" + c.name), content, 100000, Links::kTrusted),
+                  c.error);
+        EXPECT_EQ(file.Open(dir / c.name), c.error == EACCES ? 0 : c.error) << c.name;
+    }
+}
+
 TEST(FileUtils, TheLimitIsExact) {
     const TempDir dir;
     std::string content;
