@@ -469,14 +469,17 @@ int GetFileSha256(const std::string& path, std::string& hash, size_t limit) {
     return error == 0 ? file.GetSha256(hash, limit) : error;
 }
 
-int OpenForReading(const std::string& path, int& descriptor) {
+std::FILE* OpenStream(const std::string& path) {
     Descriptor file;
     struct stat status {};
     const int error = OpenRegular(path, O_RDONLY, file, status);
-    if (error == 0) {
-        descriptor = file.Release();
+    std::FILE* const stream = error == 0 ? fdopen(file.Get(), "r") : nullptr;
+    if (stream != nullptr) {
+        file.Release();
+    } else if (error != 0) {
+        errno = error;
     }
-    return error;
+    return stream;
 }
 
 int GetFileSize(const std::string& path, uint64_t& size) {

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <string>
 
 #include "sdk/Descriptor.h"
@@ -67,8 +68,9 @@ int SafeCopyFile(const std::string& source, const std::string& destination, size
 // not depend on the size of the file. EIO also when the digest is not available.
 int GetFileSha256(const std::string& path, std::string& hash, size_t limit);
 
-// Opens the file as Reader does. The caller closes `descriptor`, which is unchanged on failure.
-int OpenForReading(const std::string& path, int& descriptor);
+// Opens the file for reading as Reader does, as a stream that the caller closes; null, with errno
+// set, on failure.
+std::FILE* OpenStream(const std::string& path);
 
 // The size in bytes as the file system tells it (0 for files of /proc); `size` is unchanged on
 // failure.

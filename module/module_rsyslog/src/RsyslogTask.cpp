@@ -3,7 +3,10 @@
 #include <json/writer.h>
 
 #include <algorithm>
+#include <boost/algorithm/string/predicate.hpp>
+#include <iterator>
 #include <memory>
+#include <utility>
 
 #include "framework/Engine.h"
 #include "framework/Message.h"
@@ -23,10 +26,12 @@ constexpr std::int32_t kFullPassCycles = 50;
 constexpr int kIncludePathSize = 1024;
 constexpr std::size_t kAlarmTextSize = 1024;
 constexpr std::int64_t kAlarmPauseSeconds = 14400;
-constexpr std::size_t kLongestKeyText = 4096;
+constexpr std::size_t kLongestKeyText = 256;
+constexpr std::size_t kFewAlarms = 64;
 
 const char* const kReportTask = "data_comm_report_task";
 const char* const kAlarmType = "rsyslog_3";
+const std::string kAlarmKeyStart = "user:";
 
 enum AlarmCode { kNoDaemon = 1, kNoIncludeDirectory = 2 };
 
@@ -74,8 +79,12 @@ void RsyslogTask::UnInit() {
 
 void RsyslogTask::RunSyslogConf() {
     if (rsyslog_policy.get_history) {
-        BuildHistoryLog();
-        CheckHistoryReport();
+        try {
+            BuildHistoryLog();
+            CheckHistoryReport();
+        } catch (const std::exception& e) {
+            RSYSLOG_LOG(PRIO_ERROR, "shell history cut short: %s", std::string(e.what()));
+        }
     }
     const bool light = cycle_count >= 1 && cycle_count < kFullPassCycles;
     if (light || state() == TASK_CANCELLING) {
@@ -169,9 +178,10 @@ bool RsyslogTask::SendRsyslogAlarm(int code) {
         return false;
     }
     alarm["message"] = text;
-    const std::string message = SDK::JsonUtils::JsonToString(alarm);
+    std::string message = SDK::JsonUtils::JsonToString(alarm);
     RSYSLOG_LOG(PRIO_TRACE, "syslog alarm message is [%s]", message);
-    SendDirectMsg(kReportTask, std::make_shared<Framework::DataMessage>(kAlarmType, message));
+    SendDirectMsg(kReportTask,
+                  std::make_shared<Framework::DataMessage>(kAlarmType, std::move(message)));
     return true;
 }
 
@@ -179,11 +189,11 @@ void RsyslogTask::SendRsyslogAlarm(const user_info& user, const std::string& pat
                                    const std::string& hist_conf,
                                    std::map<std::string, std::int64_t>::iterator& found,
                                    std::int64_t now) {
-    // Entries stay for good, and users write up to 10 MiB: a long text stands as its digest.
-    const std::string key =
-        "user:" + user.name + " path:" + path + " hist_conf:[" +
-        (hist_conf.size() > kLongestKeyText ? SDK::StringUtils::Sha256(hist_conf) : hist_conf) +
-        "]";
+    // Users write up to 10 MiB, and each entry stays for hours: a long text stands as its digest.
+    const std::string digest =
+        hist_conf.size() > kLongestKeyText ? SDK::StringUtils::Sha256(hist_conf) : "";
+    const std::string key = kAlarmKeyStart + user.name + " path:" + path + " hist_conf:[" +
+                            (digest.empty() ? hist_conf : digest) + "]";
     found = alarm_time_map.find(key);
     // A stored time in the future, the clock having been set back, counts as just now.
     if (found != alarm_time_map.end() && now - std::min(found->second, now) <= kAlarmPauseSeconds) {
@@ -194,10 +204,25 @@ void RsyslogTask::SendRsyslogAlarm(const user_info& user, const std::string& pat
     alarm["user"] = SDK::StringUtils::ToUtf8(user.name);
     alarm["path"] = SDK::StringUtils::ToUtf8(path);
     alarm["content"] = SDK::StringUtils::ToUtf8(hist_conf);
-    const std::string message = WriteLine(alarm);
+    std::string message = WriteLine(alarm);
     RSYSLOG_LOG(PRIO_TRACE, "syslog alarm message is [%s]", message);
-    SendDirectMsg(kReportTask, std::make_shared<Framework::DataMessage>(kAlarmType, message));
+    SendDirectMsg(kReportTask,
+                  std::make_shared<Framework::DataMessage>(kAlarmType, std::move(message)));
     alarm_time_map[key] = now;
+    ForgetOldAlarms(key, now);
+}
+
+void RsyslogTask::ForgetOldAlarms(const std::string& latest, std::int64_t now) {
+    // Seldom enough to cost each alarm little.
+    if (alarm_time_map.size() < forget_alarms_at) {
+        return;
+    }
+    for (auto entry = alarm_time_map.begin(); entry != alarm_time_map.end();) {
+        const bool old = boost::starts_with(entry->first, kAlarmKeyStart) &&
+                         entry->first != latest && now - kAlarmPauseSeconds > entry->second;
+        entry = old ? alarm_time_map.erase(entry) : std::next(entry);
+    }
+    forget_alarms_at = 2 * alarm_time_map.size() + kFewAlarms;
 }
 
 }  // namespace Engine

@@ -13,6 +13,7 @@
 #include "framework/AbstractMessageReceiver.h"
 #include "framework/Task.h"
 #include "module/module_rsyslog/src/RsyslogPolicy.h"
+#include "sdk/FileStamp.h"
 
 namespace Engine {
 
@@ -24,6 +25,8 @@ struct user_info {
     std::string home;              // home directory as the password file has it
     std::string history_path;      // the history file
     char history_tail[1025] = {};  // its last bytes, at most 1024, as last seen; zero-terminated
+    std::vector<std::string> unparsed;  // lines read in a cycle that could not deal with all
+    bool first_recorded = false;        // the first of them is in the record log
 };
 
 // One shell command waiting for its report.
@@ -86,7 +89,7 @@ protected:
 
     // Reports that the start-up file `path` of `user` holds `hist_conf`, unless the same was
     // reported in the last four hours. `now`: seconds since the epoch. `found` becomes what was
-    // known of that alarm before, or the map's end.
+    // known of that alarm before, or the map's end. Alarms older than that are forgotten.
     void SendRsyslogAlarm(const user_info& user, const std::string& path,
                           const std::string& hist_conf,
                           std::map<std::string, std::int64_t>::iterator& found, std::int64_t now);
@@ -166,17 +169,20 @@ protected:
     void CheckHistoryProfile(const user_info& user, const std::string& path);
 
     // Takes a baseline of the file at `path`: its hash, only if `with_hash`, and its last bytes, at
-    // most 1024, zero-filled. False when it cannot be hashed or opened; `hash` may be new then.
+    // most 1024, zero-filled; both of one moment. False when it cannot be hashed or opened.
     bool HistorySetLogPath(std::string& hash, bool with_hash, char (&tail)[1025], const char* path);
 
     // Appends to `lines` what the history file has gained since the baseline and moves that on;
     // without a baseline that is the whole file. False, with nothing changed, when the file is
-    // unchanged, empty, larger than history_size MiB or 10 MiB, or cannot be read. Regular files
-    // only; a FIFO or device in its place is an error, never a wait.
+    // unchanged, empty, larger than history_size MiB or 10 MiB, or cannot be read. Lines, hash and
+    // last bytes are of one moment: what is appended meanwhile is new the next time. Regular files
+    // only; a FIFO or device in its place is an error, never a wait, and so is a link to a file of
+    // somebody else's.
     bool HistoryTailLogs(std::vector<std::string>& lines, user_info& user);
 
     // One pass over all users: start-up files, then new commands. Commands without a time stamp
-    // are recorded and reported at once, the others queued.
+    // are recorded and reported at once, the others queued. A file with which something throws is
+    // told of in one line and passed over until it changes; the others have their turn.
     void BuildHistoryLog();
 
     // --- RsyslogTaskCommands.cpp: commands, pacing, reports ---
@@ -258,16 +264,35 @@ private:
     // The full pass: which daemon runs, and is its configuration current?
     void MaintainForwarding();
     void SendDaemonAlarm(int code);
+    // Drops alarms from alarm_time_map, but for that under the key `latest`, that are too old to
+    // suppress another.
+    void ForgetOldAlarms(const std::string& latest, std::int64_t now);
+
+    // Runs `step`, which works on the file at `path`, unless it threw before on this state of the
+    // file.
+    template <typename Step>
+    void Shielded(const std::string& path, Step step);
+    // A user's turn with the history file, and the parsing of what is left over from the last one.
+    void ReadCommands(std::list<user_info>::iterator user, const char* host_name,
+                      const std::string& time);
 
     // history_size in bytes. Counted in 32 bits: from 2048 MiB on it wraps, and what is negative
     // then counts as very large.
     std::uint64_t HistorySizeLimit() const;
+
+    // Takes the commands off the queue that are to be reported, sends them, and returns their lines
+    // of the record log. What throws stops it, with an error line; the rest stays queued.
+    std::string ReportQueued(const std::string& host_name);
 
     // Both clear need_report of each queued command that is less than his_interval from an earlier
     // one, whether that is itself suppressed or not; PaceHistory in n log n, the other pair by pair
     // with a trace line for each. A stop leaves the rest as it is.
     void PaceHistory();
     void PaceHistoryByPairs();
+
+    std::size_t forget_alarms_at = 0;  // the length of alarm_time_map from which on to do so
+    std::map<std::string, SDK::FileStamp> failed_files;  // by path, as they were
+    std::size_t parsed_lines = 0;  // how many lines ParseHistoryLog was through with
 
     // The places of the open logins in utmp_list; cut short when the task is asked to stop.
     std::vector<std::size_t> FindOpenLogins() const;

@@ -98,6 +98,7 @@ void RsyslogTask::ParseHistoryLog(const std::list<user_info>::iterator& user, co
     const std::string prefix = time + host_name + " " + user->name + " ";
     for (std::size_t i = 0; i < lines.size() && state() != TASK_CANCELLING; ++i) {
         RSYSLOG_THROTTLE();
+        parsed_lines = i;
         const std::string& line = lines[i];
         RSYSLOG_LOG(PRIO_TRACE, "log_text is [%s]", line);
         history_info record;
@@ -110,8 +111,11 @@ void RsyslogTask::ParseHistoryLog(const std::list<user_info>::iterator& user, co
             record.stamp = kNoStamp;
             record.cmd = line;
             const std::string text = prefix + record.stamp + " cmd:" + record.cmd;
-            HistoryWriteLog(text, rsyslog_policy.history_log_path);
+            if (!std::exchange(user->first_recorded, true)) {
+                HistoryWriteLog(text, rsyslog_policy.history_log_path);
+            }
             SendHistoryLogInfo(record);
+            user->first_recorded = false;
             RSYSLOG_LOG(PRIO_TRACE, "recordtext is : %s", text);
             continue;
         }
@@ -147,21 +151,38 @@ void RsyslogTask::CheckHistoryReport() {
             PaceHistory();
         }
     }
-    std::string text;
-    for (const history_info& record : history_list) {
-        if (state() == TASK_CANCELLING) {
-            break;
-        }
-        if (record.need_report) {
-            text += record.time + host_name + " " + record.user + " " + record.stamp +
-                    " cmd:" + record.cmd + "\n";
-            SendHistoryLogInfo(record);
-        }
-    }
+    std::string text = ReportQueued(host_name);
     if (!text.empty()) {
         HistoryWriteLog(std::move(text), rsyslog_policy.history_log_path);
     }
+}
+
+std::string RsyslogTask::ReportQueued(const std::string& host_name) {
+    std::string text;
+    for (; !history_list.empty() && state() != TASK_CANCELLING; history_list.pop_front()) {
+        const history_info& record = history_list.front();
+        if (!record.need_report) {
+            continue;
+        }
+        const std::size_t before = text.size();
+        try {
+            text += record.time + host_name + " " + record.user + " " + record.stamp +
+                    " cmd:" + record.cmd + "\n";
+            SendHistoryLogInfo(record);
+        } catch (const std::exception& e) {
+            // What is sent is not sent again, the rest waits for the next cycle. A command that
+            // even comes first and fails is given up.
+            text.resize(before);
+            if (text.empty()) {
+                history_list.pop_front();
+            }
+            RSYSLOG_LOG(PRIO_ERROR, "commands lost: %d, to be reported in the next cycle: %?d: %s",
+                        text.empty() ? 1 : 0, history_list.size(), std::string(e.what()));
+            return text;
+        }
+    }
     history_list.clear();
+    return text;
 }
 
 void RsyslogTask::PaceHistoryByPairs() {
@@ -216,9 +237,10 @@ void RsyslogTask::SendHistoryLogInfo(const history_info& record) {
     report["user"] = record.user;
     report["time"] = static_cast<Json::Int64>(LogtimeToInt(record.stamp) / 1000);
     report["cmd"] = record.cmd;
-    const std::string message = SDK::JsonUtils::JsonToString(report);
+    std::string message = SDK::JsonUtils::JsonToString(report);
     RSYSLOG_LOG(PRIO_TRACE, "history message is [%s]", message);
-    SendDirectMsg(kReportTask, std::make_shared<Framework::DataMessage>(kCommandType, message));
+    SendDirectMsg(kReportTask,
+                  std::make_shared<Framework::DataMessage>(kCommandType, std::move(message)));
 }
 
 }  // namespace Engine

@@ -18,10 +18,13 @@
 #include "module/module_rsyslog/src/RsyslogTask.h"
 #include "module/module_rsyslog/src/RsyslogThrottle.h"
 #include "sdk/FileUtils.h"
+#include "sdk/StringUtils.h"
 
 namespace Engine {
 
 namespace {
+
+using SDK::FileUtils::Links;
 
 constexpr std::size_t kPasswordEntrySize = 4096;
 constexpr std::size_t kHostNameSize = 256;
@@ -120,22 +123,46 @@ void SplitLines(std::string_view content, std::vector<std::string>& lines) {
     }
 }
 
-enum class TailResult { kRead, kShort, kNotOpened };
-
-// Reads the last `length` bytes of the regular file at `path`. Whatever its owner puts there
-// meanwhile, it is not waited for.
-TailResult ReadTail(const char* path, std::size_t length, char* tail) {
-    int file = -1;
-    if (SDK::FileUtils::OpenForReading(path, file) != 0) {
-        return TailResult::kNotOpened;
+// Reads a file as it stood at one moment. One that is written all the time is read up to its last
+// whole line: behind it may be half a command. 0 or an errno value.
+int ReadSettled(const SDK::FileUtils::Reader& file, std::string& content) {
+    constexpr int kTries = 3;
+    for (int i = 0; i < kTries; ++i) {
+        SDK::FileStamp before;
+        SDK::FileStamp after;
+        int error = file.GetStamp(before);
+        if (error == 0) {
+            error = file.Read(content, kFileLimit);
+        }
+        if (error == 0) {
+            error = file.GetStamp(after);
+        }
+        if (error != 0 || before == after) {
+            return error;
+        }
     }
-    struct stat status = {};
-    const off_t start =
-        fstat(file, &status) == 0 ? status.st_size - static_cast<off_t>(length) : -1;
-    const bool whole =
-        start >= 0 && pread(file, tail, length, start) == static_cast<ssize_t>(length);
-    close(file);
-    return whole ? TailResult::kRead : TailResult::kShort;
+    content.resize(content.rfind('\n') + 1);
+    return 0;
+}
+
+void SetTail(std::string_view content, char (&tail)[kTailLength + 1]) {
+    std::memset(tail, 0, sizeof(tail));
+    content.remove_prefix(content.size() - std::min(content.size(), kTailLength));
+    content.copy(tail, content.size());
+}
+
+// Reads the last bytes of a file into `tail`, as many as there are; none when they cannot be read.
+void ReadTail(const SDK::FileUtils::Reader& file, char (&tail)[kTailLength + 1]) {
+    SDK::FileStamp stamp;
+    std::memset(tail, 0, sizeof(tail));
+    if (file.GetStamp(stamp) != 0) {
+        return;
+    }
+    const auto length = std::min<std::size_t>(static_cast<std::size_t>(stamp.size), kTailLength);
+    const off_t start = stamp.size - static_cast<off_t>(length);
+    if (pread(file.Get(), tail, length, start) != static_cast<ssize_t>(length)) {
+        std::memset(tail, 0, sizeof(tail));
+    }
 }
 
 }  // namespace
@@ -143,8 +170,8 @@ TailResult ReadTail(const char* path, std::size_t length, char* tail) {
 void RsyslogTask::SyslogGetUserList() {
     std::list<user_info>& users = rsyslog_policy.user_list;
     char strings[kPasswordEntrySize] = {};
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(kPasswordFile, "re"),
-                                                               &std::fclose);
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(
+        SDK::FileUtils::OpenStream(kPasswordFile), &std::fclose);
     if (file == nullptr) {
         return;
     }
@@ -186,7 +213,7 @@ void RsyslogTask::CheckHistoryProfile(const user_info& user, const std::string& 
         return;
     }
     std::string content;
-    if (SDK::FileUtils::ReadFile(path, content, kFileLimit) != 0) {
+    if (SDK::FileUtils::ReadFile(path, content, kFileLimit, Links::kTrusted) != 0) {
         return;
     }
     alarm_time_map[path] = status.st_mtime;
@@ -202,30 +229,32 @@ bool RsyslogTask::HistorySetLogPath(std::string& hash, bool with_hash, char (&ta
         RSYSLOG_LOG(PRIO_ERROR, "file path is null or length is 0.");
         return false;
     }
+    SDK::FileUtils::Reader file;
+    const int opened = file.Open(path, Links::kTrusted);
     if (with_hash) {
+        std::string content;
         std::string new_hash;
-        if (SDK::FileUtils::GetFileSha256(path, new_hash, kFileLimit) != 0) {
+        if (opened == 0 && ReadSettled(file, content) == 0) {
+            new_hash = SDK::StringUtils::Sha256(content);
+        }
+        if (new_hash.empty()) {
             RSYSLOG_LOG(PRIO_TRACE, "history file no hash %s", std::string(path));
             return false;
         }
         hash = new_hash;
+        SetTail(content, tail);
+        return true;
     }
     std::memset(tail, 0, sizeof(tail));
     std::uint64_t size = 0;
     if (SDK::FileUtils::GetFileSize(path, size) != 0 || size == 0) {
         return true;
     }
-    const std::size_t length = std::min<std::uint64_t>(size, kTailLength);
-    switch (ReadTail(path, length, tail)) {
-        case TailResult::kNotOpened:
-            RSYSLOG_LOG(PRIO_ERROR, "open log file [%s] failed", std::string(path));
-            return false;
-        case TailResult::kShort:
-            std::memset(tail, 0, sizeof(tail));
-            return true;
-        case TailResult::kRead:
-            break;
+    if (opened != 0) {
+        RSYSLOG_LOG(PRIO_ERROR, "open log file [%s] failed", std::string(path));
+        return false;
     }
+    ReadTail(file, tail);
     return true;
 }
 
@@ -235,8 +264,9 @@ bool RsyslogTask::HistoryTailLogs(std::vector<std::string>& lines, user_info& us
         RSYSLOG_LOG(PRIO_ERROR, "file path is null or length is 0.");
         return false;
     }
+    SDK::FileUtils::Reader file;
     std::string hash;
-    if (SDK::FileUtils::GetFileSha256(path, hash, kFileLimit) != 0) {
+    if (file.Open(path, Links::kTrusted) != 0 || file.GetSha256(hash, kFileLimit) != 0) {
         RSYSLOG_LOG(PRIO_TRACE, "history file no hash %s.", path);
         return false;
     }
@@ -244,13 +274,17 @@ bool RsyslogTask::HistoryTailLogs(std::vector<std::string>& lines, user_info& us
         RSYSLOG_LOG(PRIO_TRACE, "history file [%s] not change.", path);
         return false;
     }
-    std::uint64_t size = 0;
-    if (SDK::FileUtils::GetFileSize(path, size) != 0 || size == 0 || size > HistorySizeLimit()) {
+    SDK::FileStamp stamp;
+    if (file.GetStamp(stamp) != 0 || stamp.size == 0 ||
+        static_cast<std::uint64_t>(stamp.size) > HistorySizeLimit()) {
         return false;
     }
     std::string content;
-    if (SDK::FileUtils::ReadFile(path, content, kFileLimit) != 0) {
+    if (ReadSettled(file, content) != 0) {
         RSYSLOG_LOG(PRIO_DEBUG, "read %s failed", path);
+        return false;
+    }
+    if (content.empty()) {
         return false;
     }
     std::string_view fresh = content;
@@ -258,9 +292,64 @@ bool RsyslogTask::HistoryTailLogs(std::vector<std::string>& lines, user_info& us
         CutSeen(user.history_tail, fresh);
     }
     SplitLines(fresh, lines);
-    user.history_hash = hash;
-    user.tail_ready = HistorySetLogPath(user.history_hash, false, user.history_tail, path.c_str());
+    // Of the bytes read, not of the file as it is by now: what a shell has added meanwhile is new.
+    user.history_hash = SDK::StringUtils::Sha256(content);
+    SetTail(content, user.history_tail);
+    user.tail_ready = true;
     return true;
+}
+
+template <typename Step>
+void RsyslogTask::Shielded(const std::string& path, Step step) {
+    const auto stamp = [&path] {
+        struct stat status = {};
+        return stat(path.c_str(), &status) == 0 ? SDK::FileStamp(status) : SDK::FileStamp();
+    };
+    const auto failed = failed_files.find(path);
+    if (failed != failed_files.end()) {
+        if (failed->second == stamp()) {
+            return;
+        }
+        failed_files.erase(failed);
+    }
+    try {
+        step();
+    } catch (const std::exception& e) {
+        RSYSLOG_LOG(PRIO_ERROR, "%s is passed over until it changes: %s", path,
+                    std::string(e.what()));
+        failed_files[path] = stamp();
+    }
+}
+
+void RsyslogTask::ReadCommands(std::list<user_info>::iterator user, const char* host_name,
+                               const std::string& time) {
+    if (user->unparsed.empty()) {
+        user->history_path = user->home + "/.bash_history";
+        if (!user->tail_ready) {
+            user->tail_ready = HistorySetLogPath(user->history_hash, true, user->history_tail,
+                                                 user->history_path.c_str());
+        }
+        std::vector<std::string> fresh;
+        if (!HistoryTailLogs(fresh, *user)) {
+            return;
+        }
+        user->unparsed.swap(fresh);
+    }
+    std::vector<std::string>& lines = user->unparsed;
+    parsed_lines = 0;
+    try {
+        ParseHistoryLog(user, host_name, time, lines);
+    } catch (const std::exception& e) {
+        // What is sent is not sent again. A line that even comes first and fails is given up.
+        const std::size_t given_up = parsed_lines == 0 ? 1 : 0;
+        user->first_recorded = user->first_recorded && given_up == 0;
+        lines.erase(lines.begin(),
+                    lines.begin() + static_cast<std::ptrdiff_t>(parsed_lines + given_up));
+        RSYSLOG_LOG(PRIO_ERROR, "%s: lines lost: %?d, to be parsed in the next cycle: %?d: %s",
+                    user->history_path, given_up, lines.size(), std::string(e.what()));
+        return;
+    }
+    std::vector<std::string>().swap(lines);
 }
 
 void RsyslogTask::BuildHistoryLog() {
@@ -272,20 +361,15 @@ void RsyslogTask::BuildHistoryLog() {
     std::list<user_info>& users = rsyslog_policy.user_list;
     for (auto user = users.begin(); user != users.end() && state() != TASK_CANCELLING; ++user) {
         RSYSLOG_THROTTLE();
-        CheckHistoryProfile(*user, user->home + "/.bash_profile");
-        CheckHistoryProfile(*user, user->home + "/.bashrc");
+        const auto check = [this, user](const std::string& path) {
+            Shielded(path, [&] { CheckHistoryProfile(*user, path); });
+        };
+        check(user->home + "/.bash_profile");
+        check(user->home + "/.bashrc");
         if (user->name == "root") {
-            CheckHistoryProfile(*user, "/etc/profile");
+            check("/etc/profile");
         }
-        user->history_path = user->home + "/.bash_history";
-        if (!user->tail_ready) {
-            user->tail_ready = HistorySetLogPath(user->history_hash, true, user->history_tail,
-                                                 user->history_path.c_str());
-        }
-        std::vector<std::string> lines;
-        if (HistoryTailLogs(lines, *user)) {
-            ParseHistoryLog(user, host_name, now, lines);
-        }
+        Shielded(user->home + "/.bash_history", [&] { ReadCommands(user, host_name, now); });
     }
 }
 

@@ -148,6 +148,15 @@ TEST_F(Forwarding, AlarmsOnceForACodeAndHistoryAlarmsOnceInFourHours) {
         EXPECT_EQ(times, task_->alarm_time_map);
     }
     EXPECT_EQ(expected, reports.Finish());
+    // What cannot suppress anything any more is forgotten.
+    auto found = task_->alarm_time_map.end();
+    for (std::int64_t now = 300000; now < 400000; now += 10) {
+        task_->SendRsyslogAlarm(user, "/.bashrc", std::to_string(now), found, now);
+        const std::string earlier = std::to_string(std::max<std::int64_t>(now - 14400, 300000));
+        task_->SendRsyslogAlarm(user, "/.bashrc", earlier, found, now);
+        ASSERT_NE(task_->alarm_time_map.end(), found) << now;
+    }
+    EXPECT_LT(task_->alarm_time_map.size(), 3000U);
 }
 
 }  // namespace

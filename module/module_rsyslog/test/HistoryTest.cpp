@@ -289,6 +289,39 @@ TEST(Tailing, AgreesWithTheModel) {
     EXPECT_GT(fresh_cycles, 1000);
 }
 
+// A shell that appends all the time to a file that takes long to read.
+TEST(Tailing, WhatIsAppendedMeanwhileArrivesOnce) {
+    OpenTaskPtr task = NewHistoryTask();
+    task->rsyslog_policy.up_history = false;
+    std::string old;
+    while (old.size() < 8000000) {
+        old += "old " + std::to_string(old.size()) + "\n";
+    }
+    WriteText(kHistory, old);
+    std::atomic<bool> typing{true};
+    Strings typed;
+    std::thread shell([&] {
+        for (int i = 0; i < 700; ++i) {
+            typed.push_back("command " + std::to_string(i));
+            const int file = open(kHistory, O_WRONLY | O_APPEND);
+            const std::string line = typed.back() + "\n";
+            EXPECT_EQ(static_cast<ssize_t>(line.size()), write(file, line.data(), line.size()));
+            close(file);
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        typing = false;
+    });
+    while (typing) {
+        task->BuildHistoryLog();
+    }
+    shell.join();
+    task->BuildHistoryLog();
+    const Strings commands = RecordedCommands();
+    ASSERT_LT(600U, commands.size());  // the first ones may belong to the baseline
+    typed.erase(typed.begin(), typed.end() - static_cast<std::ptrdiff_t>(commands.size()));
+    EXPECT_EQ(typed, commands);
+}
+
 TEST(Tailing, Bounds) {
     struct Case {
         std::size_t size;
@@ -576,6 +609,12 @@ TEST(Hostile, FilesOfAnyKind) {
              fs::resize_file(path, 10ULL << 40);
          }},
         {"kernel's", [](const char* path) { fs::create_symlink("/proc/self/mem", path); }},
+        {"link to root's",
+         [](const char* path) {
+             WriteText("/root/secret", "HISTFILE=\n");
+             fs::create_symlink("/root/secret", path);
+             EXPECT_EQ(0, lchown(path, 1000, 1000));
+         }},
         {"leased",
          [](const char* path) {  // others wait at their open, for 45 seconds
              fcntl(creat(path, 0666), F_SETLEASE, F_WRLCK);
@@ -595,6 +634,7 @@ TEST(Hostile, FilesOfAnyKind) {
         WriteText(kHistory, "old\nnew\n");
         Within(std::chrono::seconds(20), kind, [&task] { task->BuildHistoryLog(); });
         EXPECT_EQ(Strings{"new"}, RecordedCommands());
+        EXPECT_EQ(0U, task->alarm_time_map.count("/home/eve/.bashrc"));
     }
 }
 
@@ -670,6 +710,86 @@ TEST(Hostile, ShapesThatCouldHoldTheCycleUp) {
         });
         EXPECT_EQ(text == stamped, fs::exists(kRecordLog));
     }
+}
+
+// Takes reports, but for so many that hold "bad": memory runs out over them.
+class FaultyReceiver : public Framework::Task {
+public:
+    explicit FaultyReceiver(int faults)
+        : Task("data_comm_report_task", "", Framework::TaskCondition::kPeriodic, 1024),
+          faults_(faults) {}
+    bool InterceptMsg(std::shared_ptr<Framework::Message>& message) override {
+        const auto& report = dynamic_cast<const Framework::DataMessage&>(*message).Content();
+        if (report.find("bad") != std::string::npos && faults_-- > 0) {
+            throw std::bad_alloc();
+        }
+        const std::size_t at = report.find("\":\"") + 3;
+        received.push_back(report.substr(at, report.find('"', at) - at));
+        return true;
+    }
+    Strings received;
+
+private:
+    int faults_;
+};
+
+TEST(Faults, CostNobodyElseHisTurnAndNothingIsSentTwice) {
+    for (const std::string stamp : {"", "#1700000000\n"}) {
+        for (const int faults : {0, 1, 2}) {
+            SCOPED_TRACE(stamp + std::to_string(faults));
+            const LogCapture log("module_rsyslog", Poco::Message::PRIO_ERROR);
+            Poco::AutoPtr<FaultyReceiver> reports(new FaultyReceiver(faults));
+            ASSERT_TRUE(TestSupport::TestEngine().StartTask(reports));
+            OpenTaskPtr task = NewHistoryTask({"eve", "ann"});
+            WriteText("/home/eve/.bash_history", "old\n");
+            WriteText(kHistory, "old\n");
+            task->Run();
+            WriteText("/home/eve/.bash_history",
+                      "old\n" + stamp + "one\n" + stamp + "bad\n" + stamp + "two\n");
+            WriteText(kHistory, "old\nann's\n");
+            for (int cycle = 0; cycle < 4; ++cycle) {
+                task->Run();
+            }
+            TestSupport::TestEngine().StopTask("data_comm_report_task");
+            Strings expected = {"one", "bad", "two"};
+            if (faults == 2) {
+                expected.erase(expected.begin() + 1);  // it failed even when it came first
+            }
+            // ann's is reported in the same cycle as eve's first one.
+            expected.insert(expected.begin() + (stamp.empty() && faults == 0 ? 3
+                                                : stamp.empty()              ? 1
+                                                                             : 0),
+                            "ann's");
+            EXPECT_EQ(expected, reports->received);
+            EXPECT_EQ(faults, log.Errors());
+            Strings recorded = RecordedCommands();
+            EXPECT_EQ(stamp.empty() || faults < 2 ? 4U : 3U, recorded.size());
+            std::sort(recorded.begin(), recorded.end());
+            EXPECT_EQ(recorded.end(), std::unique(recorded.begin(), recorded.end()));
+        }
+    }
+}
+
+// A start-up file is left alone until it changes; the user's history is read all the same.
+TEST(Faults, AFileThatFailedIsNotTriedAgainUntilItChanges) {
+    const LogCapture log("module_rsyslog", Poco::Message::PRIO_ERROR);
+    Poco::AutoPtr<FaultyReceiver> reports(new FaultyReceiver(1));
+    ASSERT_TRUE(TestSupport::TestEngine().StartTask(reports));
+    OpenTaskPtr task = NewHistoryTask();
+    WriteText(kHistory, "old\n");
+    WriteText("/home/ann/.bashrc", "HISTFILE=bad");
+    task->Run();
+    WriteText(kHistory, "old\nnew\n");
+    task->Run();
+    task->Run();
+    EXPECT_EQ(Strings{"new"}, reports->received);
+    EXPECT_EQ(1, log.Holding("/home/ann/.bashrc is passed over until it changes: "));
+    WriteText("/home/ann/.bashrc", "HISTFILE=bad2");
+    const timespec later[2] = {{2000, 0}, {2000, 0}};
+    utimensat(AT_FDCWD, "/home/ann/.bashrc", later, 0);
+    task->Run();
+    EXPECT_EQ((Strings{"new", "HISTFILE=bad2;"}), reports->received);
+    TestSupport::TestEngine().StopTask("data_comm_report_task");
 }
 
 // Each loop has a cycle's worth of minutes before it when the stop comes.
