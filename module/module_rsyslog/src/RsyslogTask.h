@@ -104,8 +104,9 @@ protected:
     // status flags the socket had; says nothing of success.
     int DoConnect(int socket, int timeout, const sockaddr_in& address) const;
 
-    // Probes ip (dotted, or a name) and port (decimal) over TCP, up to 3 s. False whatever the
-    // probe finds: no server counts as reachable over TCP.
+    // Probes ip (dotted, or a name) and port (decimal) over TCP: up to 3 s behind the look-up of a
+    // name, which takes as long as the system's resolver does and ends with a stop. False whatever
+    // the probe finds: no server counts as reachable over TCP.
     bool CheckIpReachable(const std::string& ip, const std::string& port);
 
     // With `check`, removes the servers of `entry` that are unreachable; `changed` becomes true
@@ -116,11 +117,12 @@ protected:
     int GetServiceBalanceCount(int count);
 
     // Brings the servers of every forwarded file up to date; true when the daemon's configuration
-    // must be written again. A stop ends it between two probes, with false.
+    // must be written again. With probes, that is over TCP, a stop ends it with false.
     bool CheckSyslogNeedRewrite();
 
-    // rsyslog's include directory, with its trailing slash, into `out` of `size` bytes. False when
-    // /etc/rsyslog.conf cannot be opened or includes nothing.
+    // What rsyslog's first include line names up to its "*", so its include directory with the
+    // trailing slash as a rule, into `out` of `size` bytes. False when /etc/rsyslog.conf cannot be
+    // opened or includes nothing.
     bool GetIncludeConfigPath(char* out, int size);
 
     // Appends to `out` the input and the forwarding rules of each entry, facility local<index + 1>
@@ -128,10 +130,12 @@ protected:
     void GenerateRsyslogConfContent(int index, const char* prefix, const timeval& now,
                                     std::string& out);
 
-    // Writes the include file. False, with nothing written, for an unknown server type.
+    // Writes the include file. False, with nothing written, for a server type that begins neither
+    // with "tcp" nor with "udp".
     bool CreatAndWriteRsyslogConf(const char* path);
 
-    // Replaces the include file in `include_dir` and restarts rsyslog when it was written.
+    // Replaces the include file in `include_dir` and restarts rsyslog when it was written. The old
+    // file is gone also when the new one cannot be written.
     void RsyslogConfRewrite(const char* include_dir);
 
     // Rewrites syslog-ng's configuration and its AppArmor profile; only when both were written,
@@ -218,9 +222,10 @@ protected:
     // milliseconds from there on. 0 for a text of less than 5 characters.
     std::int64_t LogtimeToInt(const std::string& stamp);
 
-    // Appends `text`, newline-terminated, to the file at `path`; rotates it to `path`.0 first when
-    // the write would reach the limit (history_size MiB, 0: never). False when not every byte is
-    // written; then none is. Opens and closes the file on every call.
+    // Appends `text`, newline-terminated, to the file at `path`, behind a newline where a crash has
+    // left half a record; rotates it to `path`.0 first when the write would reach the limit
+    // (history_size MiB, 0: never). False when not every byte is written; then none is. Opens and
+    // closes the file on every call, and waits for nobody who reads it.
     bool HistoryWriteLog(std::string text, std::string path);
 
     // Renames the file at `path` to `path`.0, replacing an earlier one.
@@ -235,9 +240,10 @@ protected:
     void UtmpEndutent();
 
     // Reads the logins, logouts and boots of /var/log/wtmp that are not in utmp_list yet, and
-    // appends them to it and, from empty, to `new_records`. What is no regular file holds none. A
-    // torn record at the end is left for later, and so is all behind the point where another
-    // process keeps the file locked for 10 s, or where the task is asked to stop.
+    // appends them to it and, from empty, to `new_records`; of /var/log/wtmpx where there is one,
+    // as the C library has it. What is no regular file holds none. A torn record at the end is left
+    // for later, and so is all behind the point where another process keeps the file locked for 10
+    // s, or where the task is asked to stop.
     void ReadLastAllinfo(std::vector<utmp_info>& new_records);
 
     // Closes the open logins of utmp_list that the logouts and boots of `new_records` end.
@@ -264,6 +270,10 @@ private:
     // The full pass: which daemon runs, and is its configuration current?
     void MaintainForwarding();
     void SendDaemonAlarm(int code);
+    // Sets `address` to the IPv4 address of `host`, dotted or a name; false also at a stop.
+    bool Resolve(const std::string& host, in_addr& address) const;
+    // Runs a restart command, a minute at most; a stop does not wait for it.
+    void Restart(const std::string& command);
     // Drops alarms from alarm_time_map, but for that under the key `latest`, that are too old to
     // suppress another.
     void ForgetOldAlarms(const std::string& latest, std::int64_t now);
@@ -294,6 +304,8 @@ private:
     std::map<std::string, SDK::FileStamp> failed_files;  // by path, as they were
     std::size_t parsed_lines = 0;  // how many lines ParseHistoryLog was through with
 
+    // Between two elements of utmp_list on the way to the logins that end: false at a stop.
+    bool NextElement() const;
     // The places of the open logins in utmp_list; cut short when the task is asked to stop.
     std::vector<std::size_t> FindOpenLogins() const;
     // The times of a login as record line and report show them; "0" for an end yet to come.

@@ -1,7 +1,6 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <ifaddrs.h>
-#include <netdb.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -14,9 +13,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <unordered_set>
 
 #include "module/module_rsyslog/src/RsyslogLog.h"
 #include "module/module_rsyslog/src/RsyslogTask.h"
+#include "module/module_rsyslog/src/RsyslogWait.h"
 #include "sdk/BoundedString.h"
 #include "sdk/FileUtils.h"
 
@@ -31,13 +32,6 @@ const char* const kRsyslogConf = "/etc/rsyslog.conf";
 const char* const kIncludeFile = "watchpost_rsyslog.conf";
 const char* const kIncludeDirectives[] = {"$IncludeConfig", "include(file=\""};
 constexpr std::size_t kDirectiveLength = 14;  // of both
-
-// Runs a command through the shell; its status is not of interest. A daemon that it restarts must
-// not keep the agent's log or sockets open, nor take over its tight umask.
-void RunCommand(const std::string& command) {
-    close_range(3, ~0U, CLOSE_RANGE_CLOEXEC);
-    [[maybe_unused]] const int status = std::system(("umask 022; " + command).c_str());
-}
 
 // The first line of a rsyslog configuration that includes others, from behind its directive;
 // null when there is none. `line` is the buffer the file is read with.
@@ -73,24 +67,6 @@ int ScanDirectory(const char* text, char* out, std::size_t size) {
     std::memcpy(out, text, length);
     out[length] = '\0';
     return 1;
-}
-
-// Fills `out` with the IPv4 address of `host`, dotted or a name; false when it has none.
-bool ResolveHost(const std::string& host, in_addr& out) {
-    if (inet_aton(host.c_str(), &out) != 0) {
-        return true;
-    }
-    const hostent* found = gethostbyname(host.c_str());
-    if (found == nullptr || found->h_addr_list[0] == nullptr || found->h_addrtype != AF_INET) {
-        RSYSLOG_LOG(PRIO_ERROR, "can not resolve [%s]", host);
-        return false;
-    }
-    const int error = SDK::memcpy_s(&out, sizeof(out), found->h_addr_list[0], sizeof(in_addr));
-    if (error != 0) {
-        RSYSLOG_LOG(PRIO_ERROR, "memcpy_s failed, err %d", error);
-        return false;
-    }
-    return true;
 }
 
 }  // namespace
@@ -146,6 +122,26 @@ int RsyslogTask::DoConnect(int socket, int timeout, const sockaddr_in& address) 
     return flags;
 }
 
+bool RsyslogTask::Resolve(const std::string& host, in_addr& address) const {
+    if (inet_aton(host.c_str(), &address) != 0) {
+        return true;
+    }
+    in_addr found = {};
+    const Outcome outcome = LookUpHost(host, found, [this] { return isCancelled(); });
+    if (outcome == Outcome::kFailed) {
+        RSYSLOG_LOG(PRIO_ERROR, "can not resolve [%s]", host);
+    }
+    if (outcome != Outcome::kDone) {
+        return false;
+    }
+    const int error = SDK::memcpy_s(&address, sizeof(address), &found, sizeof(found));
+    if (error != 0) {
+        RSYSLOG_LOG(PRIO_ERROR, "memcpy_s failed, err %d", error);
+        return false;
+    }
+    return true;
+}
+
 bool RsyslogTask::CheckIpReachable(const std::string& ip, const std::string& port) {
     const int probe = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (probe < 0) {
@@ -157,7 +153,7 @@ bool RsyslogTask::CheckIpReachable(const std::string& ip, const std::string& por
     sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<std::uint16_t>(std::strtol(port.c_str(), nullptr, 10)));
-    if (ResolveHost(ip, address.sin_addr)) {
+    if (Resolve(ip, address.sin_addr)) {
         const int flags = DoConnect(probe, kConnectTimeoutSeconds, address);
         fcntl(probe, F_SETFL, flags);
     }
@@ -174,6 +170,9 @@ void RsyslogTask::CleanUnreachableIp(bool check, path_port& entry, bool& changed
         if (CheckIpReachable(*server, entry.port)) {
             ++server;
             continue;
+        }
+        if (isCancelled()) {
+            return;  // nobody knows
         }
         RSYSLOG_LOG(PRIO_INFORMATION, "old server %s:%s unreachable", *server, entry.port);
         changed = true;
@@ -209,25 +208,27 @@ bool RsyslogTask::CheckSyslogNeedRewrite() {
     for (path_port& entry : rsyslog_policy.log_path) {
         RSYSLOG_LOG(PRIO_TRACE, "check path %s", entry.path);
         CleanUnreachableIp(check, entry, changed);
-        if (isCancelled()) {
+        if (check && isCancelled()) {
             return false;  // probing takes seconds a server; half a list is not written
         }
         std::vector<std::string>& servers = entry.servers;
         if (!servers.empty() && rsyslog_policy.server_balance) {
             continue;  // keeps its one server while that survives
         }
+        std::unordered_set<std::string> known(servers.begin(), servers.end());
         for (const std::string& address : rsyslog_policy.server) {
-            if (std::find(servers.begin(), servers.end(), address) != servers.end()) {
+            if (known.count(address) != 0) {
                 continue;
             }
-            if (isCancelled()) {
-                return false;
-            }
             if (check && !CheckIpReachable(address, entry.port)) {
+                if (isCancelled()) {
+                    return false;
+                }
                 RSYSLOG_LOG(PRIO_INFORMATION, "new server %s:%s unreachable", address, entry.port);
                 continue;
             }
             servers.push_back(address);
+            known.insert(address);
             changed = true;
             RSYSLOG_LOG(PRIO_TRACE, "add new server %s:%s reachable", address, entry.port);
         }
@@ -243,8 +244,8 @@ bool RsyslogTask::CheckSyslogNeedRewrite() {
 }
 
 bool RsyslogTask::GetIncludeConfigPath(char* out, int size) {
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> conf(std::fopen(kRsyslogConf, "re"),
-                                                               &std::fclose);
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> conf(
+        SDK::FileUtils::OpenStream(kRsyslogConf), &std::fclose);
     if (conf == nullptr) {
         std::perror("fopen");
         return false;
@@ -326,8 +327,16 @@ void RsyslogTask::RsyslogConfRewrite(const char* include_dir) {
         RSYSLOG_LOG(PRIO_TRACE, "remove conf: %s", rsyslog_conf_file);
     }
     if (CreatAndWriteRsyslogConf(rsyslog_conf_file.c_str())) {
-        RunCommand("service rsyslog restart");
+        Restart("service rsyslog restart");
         RSYSLOG_LOG(PRIO_TRACE, "run cmd: service rsyslog restart");
+    }
+}
+
+void RsyslogTask::Restart(const std::string& command) {
+    // A daemon must not keep the agent's log or sockets open, nor take over its tight umask.
+    close_range(3, ~0U, CLOSE_RANGE_CLOEXEC);
+    if (RunCommand("umask 022; " + command, [this] { return isCancelled(); }) == Outcome::kFailed) {
+        RSYSLOG_LOG(PRIO_ERROR, "[%s] could not be run to its end", command);
     }
 }
 
@@ -335,8 +344,8 @@ void RsyslogTask::SyslogServiceManage() {
     if (!OverWriteSyslogngConf() || !OverWriteSyslogngReadAuditConf()) {
         return;
     }
-    RunCommand("rcapparmor restart");
-    RunCommand("service syslog restart");
+    Restart(
+        "rcapparmor restart; service syslog restart");  // in one shell, which a stop leaves to it
     RSYSLOG_LOG(PRIO_TRACE, "run cmd: rcapparmor restart & service syslog restart");
 }
 

@@ -1,5 +1,4 @@
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <utmp.h>
 
@@ -20,6 +19,7 @@
 #include "module/module_rsyslog/src/RsyslogTask.h"
 #include "module/module_rsyslog/src/RsyslogThrottle.h"
 #include "sdk/BoundedString.h"
+#include "sdk/FileUtils.h"
 #include "sdk/JsonUtils.h"
 
 namespace Engine {
@@ -40,20 +40,11 @@ constexpr std::chrono::milliseconds kLockPause{10};
 // thread of the process, usually not the one that waits.
 class FileWatch {
 public:
-    explicit FileWatch(const char* path)
-        : file_(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)) {}
-    ~FileWatch() {
-        if (file_ >= 0) {
-            close(file_);
-        }
-    }
-    FileWatch(const FileWatch&) = delete;
-    FileWatch& operator=(const FileWatch&) = delete;
-
-    // Whether the path leads to something that is there and no regular file.
-    bool IsSpecial() const {
-        struct stat status = {};
-        return file_ >= 0 && fstat(file_, &status) == 0 && !S_ISREG(status.st_mode);
+    // False when there is no regular file to be read.
+    bool Open() {
+        // What the library reads under the file's name, if it is there.
+        const std::string instead = std::string(kLoginFile) + "x";
+        return file_.Open(access(instead.c_str(), F_OK) == 0 ? instead : kLoginFile) == 0;
     }
 
     // Waits while another process holds a write lock. False when it still does at the end of the
@@ -78,10 +69,10 @@ private:
         struct flock lock = {};
         lock.l_type = F_RDLCK;
         lock.l_whence = SEEK_SET;
-        return fcntl(file_, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+        return fcntl(file_.Get(), F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
     }
 
-    const int file_;
+    SDK::FileUtils::Reader file_;
 };
 
 bool IsKept(int type) {
@@ -343,11 +334,8 @@ void RsyslogTask::UtmpEndutent() {
 
 void RsyslogTask::ReadLastAllinfo(std::vector<utmp_info>& new_records) {
     new_records.clear();
-    const FileWatch watch(kLoginFile);
-    if (watch.IsSpecial()) {
-        return;
-    }
-    if (UtmpSetutent(kLoginFile) != 0) {
+    FileWatch watch;
+    if (!watch.Open() || UtmpSetutent(kLoginFile) != 0) {
         return;
     }
     try {
@@ -410,31 +398,33 @@ void RsyslogTask::ParseEveryUtmp(const std::vector<utmp_info>& new_records) {
             zero_boot = zero_boot || record.login_time == 0;
         }
         for (const std::size_t slot : ended) {
-            RSYSLOG_THROTTLE();
-            if (state() == TASK_CANCELLING) {
+            if (!NextElement()) {
                 return;
             }
             const utmp_info& login = end_login(slot, record.login_time);
             if (record.type == DEAD_PROCESS) {
-                RSYSLOG_LOG(PRIO_TRACE, "finddeadok pid:%d,%s,%s,%s,%?d,%?d, %?d", login.pid,
-                            login.line, login.user, login.host, login.session, login.login_time,
-                            login.logout_time);
+                RSYSLOG_LOG(PRIO_TRACE, "finddeadok pid:%d,%s,%s,%s,%d,%?d, %?d", login.pid,
+                            login.line, login.user, login.host, static_cast<int>(login.session),
+                            login.login_time, login.logout_time);
             } else {
-                RSYSLOG_LOG(PRIO_TRACE, "findfindbootok pid:%d,%s,%s,%s,%?d,%?d, %?d", login.pid,
-                            login.line, login.user, login.host, login.session, login.login_time,
-                            login.logout_time);
+                // All three have 32 bits in the file.
+                RSYSLOG_LOG(PRIO_TRACE, "findfindbootok pid:%d,%s,%s,%s,%d,%d, %d", login.pid,
+                            login.line, login.user, login.host, static_cast<int>(login.session),
+                            static_cast<int>(login.login_time),
+                            static_cast<int>(login.logout_time));
             }
         }
     }
 }
 
+bool RsyslogTask::NextElement() const {
+    RSYSLOG_THROTTLE();
+    return state() != TASK_CANCELLING;
+}
+
 std::vector<std::size_t> RsyslogTask::FindOpenLogins() const {
     std::vector<std::size_t> open;
-    for (std::size_t place = 0; place < utmp_list.size(); ++place) {
-        RSYSLOG_THROTTLE();
-        if (state() == TASK_CANCELLING) {
-            break;
-        }
+    for (std::size_t place = 0; place < utmp_list.size() && NextElement(); ++place) {
         if (utmp_list[place].type == USER_PROCESS && utmp_list[place].logout_time == 0) {
             open.push_back(place);
         }

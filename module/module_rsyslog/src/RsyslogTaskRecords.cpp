@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,6 +11,7 @@
 #include "module/module_rsyslog/src/RsyslogLog.h"
 #include "module/module_rsyslog/src/RsyslogTask.h"
 #include "sdk/BoundedString.h"
+#include "sdk/Descriptor.h"
 #include "sdk/FileUtils.h"
 
 namespace Engine {
@@ -18,13 +20,13 @@ namespace {
 
 constexpr std::size_t kTimeTextSize = 256;
 constexpr std::size_t kPathSize = 4096;  // with its terminating zero
-constexpr std::int64_t kDaySeconds = 86400;
+constexpr std::uint64_t kDaySeconds = 86400;
 constexpr std::size_t kShortestStamp = 5;
 constexpr std::size_t kMillisecondDigits = 11;  // a stamp this long counts milliseconds
 
 // Appends `value` as two digits and `end` to `out`; false when they do not fit `Size` bytes.
 template <std::size_t Size>
-bool AppendTwoDigits(std::string& out, std::int64_t value, const char* end) {
+bool AppendTwoDigits(std::string& out, std::uint64_t value, const char* end) {
     char text[Size] = {};
     if (SDK::snprintf_s(text, Size, Size - 1, "%02u%s", static_cast<unsigned>(value), end) == -1) {
         RSYSLOG_LOG(PRIO_ERROR, "snprintf failed");
@@ -32,6 +34,31 @@ bool AppendTwoDigits(std::string& out, std::int64_t value, const char* end) {
     }
     out += text;
     return true;
+}
+
+// Opens a record log to append to it; null when that fails, and for a FIFO, whose reader would have
+// to be waited for. Unbuffered, so that a full disk shows in the write, not when the file is
+// closed.
+std::FILE* OpenLog(const char* path, struct stat& status) {
+    SDK::Descriptor file;
+    constexpr int kFlags = O_RDWR | O_APPEND | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    constexpr mode_t kMode = 0666;  // less the umask
+    if (file.Reset(open(path, kFlags, kMode)) != 0 || fstat(file.Get(), &status) != 0 ||
+        S_ISFIFO(status.st_mode)) {
+        return nullptr;
+    }
+    std::FILE* const log = fdopen(file.Get(), "a");
+    if (log != nullptr) {
+        file.Release();
+        std::setvbuf(log, nullptr, _IONBF, 0);
+    }
+    return log;
+}
+
+// Whether a file of this size ends in a piece of a line, as a crash leaves it.
+bool EndsTorn(int file, off_t size) {
+    char last = '\n';
+    return size > 0 && pread(file, &last, 1, size - 1) == 1 && last != '\n';
 }
 
 // Removes a file and says at trace level whether it could.
@@ -68,9 +95,11 @@ std::string RsyslogTask::GetSplittimeStr(std::int64_t later, std::int64_t earlie
     if (later <= earlier) {
         return "0";
     }
-    const std::int64_t duration = later - earlier;
-    const std::int64_t days = duration / kDaySeconds;
-    const std::int64_t rest = duration % kDaySeconds;
+    // Unsigned, as the times can lie further apart than the signed type tells.
+    const std::uint64_t duration =
+        static_cast<std::uint64_t>(later) - static_cast<std::uint64_t>(earlier);
+    const std::uint64_t days = duration / kDaySeconds;
+    const std::uint64_t rest = duration % kDaySeconds;
     std::string text;
     if (days > 0) {
         text = std::to_string(days) + "+";
@@ -116,15 +145,15 @@ bool RsyslogTask::HistoryWriteLog(std::string text, std::string path) {
     if (path.size() >= sizeof(resolved) || realpath(path.c_str(), resolved) == nullptr) {
         return false;
     }
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> log(std::fopen(resolved, "ae"),
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> log(OpenLog(resolved, status),
                                                               &std::fclose);
     if (log == nullptr) {
         RSYSLOG_LOG(PRIO_ERROR, "open log [%s] failed.", path);
         return false;
     }
-    // Unbuffered, so that a full disk shows in the write and not when the file is closed.
-    std::setvbuf(log.get(), nullptr, _IONBF, 0);
-    const bool known_size = fstat(fileno(log.get()), &status) == 0;
+    if (EndsTorn(fileno(log.get()), status.st_size)) {
+        text.insert(0, 1, '\n');
+    }
     std::size_t written = 0;
     while (written < text.size()) {
         const std::size_t count =
@@ -132,8 +161,7 @@ bool RsyslogTask::HistoryWriteLog(std::string text, std::string path) {
         if (count == 0) {
             // Readers see whole lines only: a piece of a record would join with the next one. If
             // even that fails there is nothing more to do.
-            [[maybe_unused]] const bool cut =
-                known_size && ftruncate(fileno(log.get()), status.st_size) == 0;
+            [[maybe_unused]] const int cut = ftruncate(fileno(log.get()), status.st_size);
             return false;
         }
         written += count;

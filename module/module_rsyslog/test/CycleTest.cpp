@@ -2,11 +2,15 @@
 
 #include <gtest/gtest.h>
 #include <unistd.h>
+#include <utmpx.h>
 
+#include <fstream>
 #include <optional>
+#include <set>
 
 #include "module/module_procs/src/ProcsFullTask.h"
 #include "module/module_rsyslog/test/ModuleSupport.h"
+#include "sdk/InnerCpuCtrlUtils.h"
 
 namespace {
 
@@ -21,6 +25,7 @@ const std::pair<std::string, std::string> kNoDaemon = {
 const std::pair<std::string, std::string> kNoInclude = {
     "rsyslog_3", R"({"message":"rsyslog IncludeConfig is not exist."})"};
 
+std::set<std::pair<std::string, int>> throttled;  // file and line of the points passed
 Names running;  // names of the process table, in the order of their process ids
 
 class FixedProcs : public Engine::ProcsFullTask {
@@ -159,4 +164,42 @@ TEST_F(Forwarding, AlarmsOnceForACodeAndHistoryAlarmsOnceInFourHours) {
     EXPECT_LT(task_->alarm_time_map.size(), 3000U);
 }
 
+// Two cycles over a login, its end and a command pass each throttle point.
+TEST_F(Forwarding, EveryLongLoopHasItsThrottlePoint) {
+    running = {"init"};
+    task_->rsyslog_policy.get_history = task_->rsyslog_policy.get_lastlog = true;
+    task_->rsyslog_policy.history_size = 1;
+    task_->rsyslog_policy.last_login_log_path = task_->rsyslog_policy.history_log_path = "/tmp/log";
+    TestSupport::WriteText("/etc/passwd", "al:x:7:8:Al:/tmp:/bin/sh\n");
+    TestSupport::WriteText("/tmp/.bash_history", "old\n");
+    utmpx record = {};
+    for (const short type : {USER_PROCESS, DEAD_PROCESS}) {
+        std::ofstream("/var/log/wtmp", std::ios::app).close();
+        record.ut_type = type;
+        updwtmpx("/var/log/wtmp", &record);
+    }
+    throttled.clear();
+    SDK::InnerCpuCtrlUtils::SetLimit(50);
+    task_->Run();
+    TestSupport::WriteText("/tmp/.bash_history", "old\nnew\n");
+    task_->Run();
+    SDK::InnerCpuCtrlUtils::SetLimit(0);
+    std::map<std::string, int> points;
+    for (const auto& [file, line] : throttled) {
+        ++points[file.substr(file.rfind('/') + 1)];
+    }
+    EXPECT_EQ((std::map<std::string, int>{{"RsyslogTask.cpp", 1},
+                                          {"RsyslogTaskCommands.cpp", 1},
+                                          {"RsyslogTaskHistory.cpp", 2},
+                                          {"RsyslogTaskLogin.cpp", 5}}),
+              points);
+}
+
 }  // namespace
+
+// In the place of the library's own: the points that ask for a pause.
+void SDK::InnerCpuCtrlUtils::AdjustThreadCpu(const char* file, int line, const char* module,
+                                             unsigned long /*now*/, unsigned long /*elapsed*/) {
+    EXPECT_STREQ("rsyslog_module", module);
+    throttled.emplace(file, line);
+}

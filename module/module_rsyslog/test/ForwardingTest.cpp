@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -41,6 +42,19 @@ TEST(ServerLists, AddedOnceAndKept) {
         EXPECT_FALSE(task->CheckSyslogNeedRewrite());
         EXPECT_EQ(c.after, task->rsyslog_policy.log_path.front().servers);
     }
+}
+
+TEST(ServerLists, AreSearchedInNoMoreTimeThanTheyAreLong) {
+    std::list<std::string> configured;
+    for (int i = 0; i < 100000; ++i) {
+        configured.push_back("10.0.0.1." + std::to_string(i));
+    }
+    OpenTaskPtr task = TaskFor("udp", false, configured, {});
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(task->CheckSyslogNeedRewrite());
+    EXPECT_FALSE(task->CheckSyslogNeedRewrite());
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    EXPECT_EQ(100000U, task->rsyslog_policy.log_path.front().servers.size());
 }
 
 // Also a server that answers counts as unreachable over TCP.
@@ -108,6 +122,9 @@ TEST(RsyslogConf, IncludeDirectory) {
     }
     std::remove("/etc/rsyslog.conf");
     char out[1024];
+    ASSERT_EQ(0, mkfifo("/etc/rsyslog.conf", 0600));
+    EXPECT_FALSE(NewTask()->GetIncludeConfigPath(out, sizeof(out)));
+    std::remove("/etc/rsyslog.conf");
     EXPECT_FALSE(NewTask()->GetIncludeConfigPath(out, sizeof(out)));
 }
 

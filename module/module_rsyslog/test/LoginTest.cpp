@@ -369,7 +369,9 @@ TEST(Login, WhatIsNoAccountingFile) {
     namespace fs = std::filesystem;
     for (const std::string command :
          {"true", ": >/var/log/wtmp", "mkdir /var/log/wtmp", "mkfifo /var/log/wtmp",
-          "ln -s /dev/zero /var/log/wtmp", "ln -s wtmp /var/log/wtmp", "printf 7 >/var/log/wtmp"}) {
+          "ln -s /dev/zero /var/log/wtmp", "ln -s wtmp /var/log/wtmp", "printf 7 >/var/log/wtmp",
+          // The C library reads this one in the other's place.
+          "mkfifo /var/log/wtmpx"}) {
         SCOPED_TRACE(command);
         fs::remove_all(kFile);
         ASSERT_EQ(0, std::system(command.c_str()));
@@ -378,6 +380,7 @@ TEST(Login, WhatIsNoAccountingFile) {
         task->ReadLastAllinfo(fresh);
         EXPECT_TRUE(fresh.empty() && task->utmp_list.empty());
         fs::remove_all(kFile);
+        fs::remove("/var/log/wtmpx");
         Log(Entry(7, "tty1", "al", "", 5));
         task->ReadLastAllinfo(fresh);  // the next pass finds what has come
         EXPECT_EQ(1U, fresh.size());
@@ -388,6 +391,8 @@ TEST(Login, WhatIsNoAccountingFile) {
 // The reader works on a thread of its own, as it does in the agent.
 TEST(Login, ALockedFileIsLeftForLater) {
     std::remove(kFile);
+    // Under this name, too, it is looked at.
+    ASSERT_EQ(0, symlink("wtmp", "/var/log/wtmpx"));
     OpenTaskPtr task = LoginTask();
     std::vector<utmp_info> fresh;
     Log(Entry(7, "tty1", "al", "", 5));
@@ -433,6 +438,7 @@ TEST(Login, ALockedFileIsLeftForLater) {
     waitpid(writer, nullptr, 0);
     EXPECT_TRUE(reads_within(*task, 20, false));
     EXPECT_EQ(1U, fresh.size());
+    std::remove("/var/log/wtmpx");
 }
 
 TEST(Login, EveryOtherCycle) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <climits>
 #include <cstdlib>
@@ -49,6 +50,8 @@ TEST(TimeStrings, Durations) {
              {std::int64_t{1} << 32, "49710+06:28:16"}}) {
         EXPECT_EQ(text, task->GetSplittimeStr(-5 + seconds, -5)) << seconds;
     }
+    const std::numeric_limits<std::int64_t> limits;
+    EXPECT_EQ("213503982334601+07:00:15", task->GetSplittimeStr(limits.max(), limits.min()));
 }
 
 TEST(TimeStrings, ShellStamps) {
@@ -93,8 +96,7 @@ TEST(RecordLog, RotatesBeforeTheWriteThatReachesTheLimit) {
                           Case{2047, 10, 10, false}, Case{2048, 2 * mebibyte, 10, false},
                           Case{4096, 1, 10, true}, Case{-1, 2 * mebibyte, 10, false}}) {
         SCOPED_TRACE(std::to_string(c.mebibytes) + " MiB, " + std::to_string(c.length));
-        WriteText(kLog, "");
-        std::filesystem::resize_file(kLog, c.size);
+        WriteText(kLog, c.size == 0 ? "" : std::string(c.size - 1, 'x') + "\n");
         WriteText(kBackup, "earlier");
         OpenTaskPtr task = NewTask();
         task->rsyslog_policy.history_size = c.mebibytes;
@@ -132,6 +134,19 @@ TEST(RecordLog, WhatCannotBeWritten) {
         EXPECT_EQ(c.lines, log.Lines()) << c.path;
     }
     EXPECT_NE(0, access("/tmp/empty.log", F_OK));
+}
+
+TEST(RecordLog, NeitherAFifoNorHalfARecordGetsInTheWay) {
+    std::remove(kLog);
+    ASSERT_EQ(0, mkfifo(kLog, 0600));
+    const LogCapture log("module_rsyslog");
+    EXPECT_FALSE(NewTask()->HistoryWriteLog("record", kLog));
+    EXPECT_EQ(1, log.Count(std::string("3 open log [") + kLog + "] failed."));
+    std::remove(kLog);
+    WriteText(kLog, "whole\nhal");
+    EXPECT_TRUE(NewTask()->HistoryWriteLog("record", kLog));
+    EXPECT_TRUE(NewTask()->HistoryWriteLog("next", kLog));
+    EXPECT_EQ("whole\nhal\nrecord\nnext\n", ReadText(kLog));
 }
 
 TEST(RecordLog, NoPieceOfARecordStays) {

@@ -1,0 +1,133 @@
+#include "module/module_rsyslog/src/RsyslogWait.h"
+
+#include <netdb.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <future>
+#include <memory>
+#include <optional>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+namespace Engine {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds kCommandPatience{60};
+constexpr std::chrono::seconds kTermPatience{1};
+constexpr std::chrono::milliseconds kPause{20};
+
+// Commands that a stop left running, to be reaped when they have ended.
+std::vector<pid_t> left_running;
+
+bool HasEnded(pid_t process) {
+    return waitpid(process, nullptr, WNOHANG) != 0;
+}
+
+bool AwaitEnd(pid_t process, std::chrono::seconds patience, const std::function<bool()>& stopping) {
+    const auto end = Clock::now() + patience;
+    while (!HasEnded(process)) {
+        if (stopping() || Clock::now() >= end) {
+            return false;
+        }
+        std::this_thread::sleep_for(kPause);
+    }
+    return true;
+}
+
+pid_t Start(const std::string& command) {
+    posix_spawnattr_t attributes;
+    if (posix_spawnattr_init(&attributes) != 0) {
+        return -1;
+    }
+    sigset_t none;
+    sigemptyset(&none);
+    posix_spawnattr_setsigmask(&attributes, &none);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK);
+    std::string text = command;
+    char shell[] = "sh";
+    char option[] = "-c";
+    char* const arguments[] = {shell, option, text.data(), nullptr};
+    pid_t process = -1;
+    const int error = posix_spawn(&process, "/bin/sh", nullptr, &attributes, arguments, environ);
+    posix_spawnattr_destroy(&attributes);
+    return error == 0 ? process : -1;
+}
+
+// As gethostbyname, from any thread.
+std::optional<in_addr> LookUp(const std::string& host) {
+    std::vector<char> buffer(1024);
+    hostent entry = {};
+    hostent* found = nullptr;
+    int why = 0;
+    while (gethostbyname_r(host.c_str(), &entry, buffer.data(), buffer.size(), &found, &why) ==
+           ERANGE) {
+        buffer.resize(buffer.size() * 2);
+    }
+    if (found == nullptr || found->h_addrtype != AF_INET || found->h_addr_list[0] == nullptr) {
+        return std::nullopt;
+    }
+    in_addr address = {};
+    std::memcpy(&address, found->h_addr_list[0], sizeof(address));
+    return address;
+}
+
+}  // namespace
+
+Outcome RunCommand(const std::string& command, const std::function<bool()>& stopping) {
+    left_running.erase(std::remove_if(left_running.begin(), left_running.end(), HasEnded),
+                       left_running.end());
+    const pid_t process = Start(command);
+    if (process < 0) {
+        return Outcome::kFailed;
+    }
+    if (AwaitEnd(process, kCommandPatience, stopping)) {
+        return Outcome::kDone;
+    }
+    if (stopping()) {
+        // Not killed: half a restart would leave the host without its daemon.
+        left_running.push_back(process);
+        return Outcome::kStopped;
+    }
+    kill(-process, SIGTERM);
+    if (!AwaitEnd(process, kTermPatience, [] { return false; })) {
+        kill(-process, SIGKILL);
+        waitpid(process, nullptr, 0);
+    }
+    return Outcome::kFailed;
+}
+
+Outcome LookUpHost(const std::string& host, in_addr& out, const std::function<bool()>& stopping) {
+    // Name servers that keep silent hold the resolver for minutes, and nothing ends its wait: a
+    // thread of its own does the waiting, and is left behind at a stop.
+    std::packaged_task<std::optional<in_addr>()> task([host] { return LookUp(host); });
+    std::future<std::optional<in_addr>> answer = task.get_future();
+    try {
+        std::thread(std::move(task)).detach();
+    } catch (const std::system_error&) {
+        return Outcome::kFailed;
+    }
+    while (answer.wait_for(kPause) != std::future_status::ready) {
+        if (stopping()) {
+            return Outcome::kStopped;
+        }
+    }
+    const std::optional<in_addr> address = answer.get();
+    if (!address) {
+        return Outcome::kFailed;
+    }
+    out = *address;
+    return Outcome::kDone;
+}
+
+}  // namespace Engine
