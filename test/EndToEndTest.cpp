@@ -190,6 +190,73 @@ TEST(EndToEnd, AStopEndsACycleBetweenTwoProbes) {
     EXPECT_EQ(1, AgentProcess::Logged("UnInit  rsyslog task"));
 }
 
+// A restart that never ends, and name servers that never answer.
+TEST(EndToEnd, AStopWaitsForNoCommandAndNoName) {
+    const Daemon rsyslogd("rsyslogd");
+    const Server silent("127.0.0.9", 53);
+    WriteText("/etc/resolv.conf", "nameserver 127.0.0.9\n");
+    std::filesystem::create_directories("/run/bin");
+    WriteText("/run/bin/service", "#!/bin/sh\nexec sleep 1000\n");
+    std::filesystem::permissions("/run/bin/service", std::filesystem::perms::owner_all);
+    const std::string path = std::getenv("PATH");
+    setenv("PATH", ("/run/bin:" + path).c_str(), 1);
+    const struct {
+        const char *content, *logged;
+        int signal;
+    } cases[] = {{R"({"server_type":"udp","server":["127.0.0.1"],"log_path":["/var/log/a.log:9"]})",
+                  "all msg", SIGINT},
+                 {R"({"server_type":"tcp","server":["a.b.c"],"log_path":["/var/log/a.log:9"]})",
+                  "check path", SIGTERM}};
+    for (const auto& c : cases) {
+        AgentProcess agent;
+        AgentProcess::Policy("p.json", Policy(c.content));
+        EXPECT_TRUE(AgentProcess::AwaitLog(c.logged));
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));  // to be in the wait
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(0, agent.Stop(c.signal));
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3)) << c.logged;
+        EXPECT_EQ(0, AgentProcess::Logged("unreachable"));
+    }
+    setenv("PATH", path.c_str(), 1);
+}
+
+// Log, reports and record logs on one disk, full to the last byte for a while.
+TEST(EndToEnd, AFullDiskCostsNoThreadNoOldLineAndNoReport) {
+    const Daemon rsyslogd("rsyslogd");
+    const std::string log_dir = AgentProcess::Path("log");
+    std::filesystem::create_directories(log_dir);
+    ASSERT_EQ(0, mount("small", log_dir.c_str(), "tmpfs", 0, "size=4m"));
+    WriteText("/etc/passwd", "ann:x:1000:1000::/home/ann:/bin/bash\n");
+    std::filesystem::create_directories("/home/ann");
+    WriteText("/home/ann/.bash_history", "old\n");
+    WriteText("/home/ann/.bashrc", "HISTSIZE=1\n");
+    AgentProcess agent;
+    std::string old_lines;
+    for (const std::string server : {"127.0.0.1", "127.0.0.2", "127.0.0.3"}) {
+        AgentProcess::Policy(
+            "p.json", Policy(R"({"check_period_s":1,"server_type":"udp","server":[")" + server +
+                             R"("],"log_path":["/var/log/a.log:9"],
+            "get_history":true,"up_history":true})"));
+        // The cycle that writes this file has sent an alarm, and its baseline is taken.
+        EXPECT_TRUE(Await([&] { return Occurrences(ReadText(kInclude), server) == 1; }));
+        if (old_lines.empty()) {
+            EXPECT_TRUE(AgentProcess::AwaitLog("run cmd: service rsyslog restart"));
+            WriteText(log_dir + "/filler", std::string(4 << 20, 'x'));
+            old_lines = ReadText(log_dir + "/watchpost.log");
+        }
+    }
+    std::ofstream("/home/ann/.bash_history", std::ios::app) << "echo full\n";
+    std::filesystem::remove(log_dir + "/filler");
+    const std::string reports = log_dir + "/watchpost_report.jsonl";
+    EXPECT_TRUE(Await([&] { return Occurrences(ReadText(reports), "echo full") == 1; }));
+    EXPECT_EQ(0, agent.Stop());
+    EXPECT_EQ(3, Occurrences(ReadText(reports), "HISTSIZE=1"));
+    EXPECT_EQ(0U, ReadText(log_dir + "/watchpost.log").find(old_lines));
+    EXPECT_LT(0, AgentProcess::Logged("messages not written: No space left on device"));
+    EXPECT_EQ(1, AgentProcess::Logged("watchpost has stopped"));
+    EXPECT_EQ(0, umount2(log_dir.c_str(), MNT_DETACH));
+}
+
 // The disk has room again at the moment of the stop: what is queued is written.
 TEST(EndToEnd, ReportsQueuedAtAStopAreWritten) {
     std::filesystem::create_directories("/run/small");

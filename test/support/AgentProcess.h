@@ -43,7 +43,8 @@ public:
     ~AgentProcess() {
         Stop(SIGKILL);
         for (const char* directory : {"policy", "log", "conf"}) {
-            std::filesystem::remove_all(Path(directory));
+            std::error_code mounted;
+            std::filesystem::remove_all(Path(directory), mounted);
         }
     }
 
