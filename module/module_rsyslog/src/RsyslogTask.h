@@ -290,19 +290,16 @@ private:
     // then counts as very large.
     std::uint64_t HistorySizeLimit() const;
 
-    // Takes the commands off the queue that are to be reported, sends them, and returns their lines
-    // of the record log. What throws stops it, with an error line; the rest stays queued.
-    std::string ReportQueued(const std::string& host_name);
-
     // Both clear need_report of each queued command that is less than his_interval from an earlier
     // one, whether that is itself suppressed or not; PaceHistory in n log n, the other pair by pair
-    // with a trace line for each. A stop leaves the rest as it is.
-    void PaceHistory();
+    // with a trace line for each. A stop leaves the rest as it is. PaceHistory returns how many
+    // commands it was through with: all, unless memory ran out.
+    std::size_t PaceHistory();
     void PaceHistoryByPairs();
-
-    std::size_t forget_alarms_at = 0;  // the length of alarm_time_map from which on to do so
-    std::map<std::string, SDK::FileStamp> failed_files;  // by path, as they were
-    std::size_t parsed_lines = 0;  // how many lines ParseHistoryLog was through with
+    // Takes the first `count` commands off the queue, sends those that are to be reported, and
+    // returns their lines of the record log. What throws ends it, with an error line; the rest
+    // stays.
+    std::string ReportQueued(std::size_t count, const std::string& host_name);
 
     // Between two elements of utmp_list on the way to the logins that end: false at a stop.
     bool NextElement() const;
@@ -315,6 +312,10 @@ private:
         std::string duration;
     };
     SessionTexts DescribeSession(const utmp_info& login);
+
+    std::size_t forget_alarms_at = 0;  // the length of alarm_time_map from which on to do so
+    std::map<std::string, SDK::FileStamp> failed_files;  // by path, as they were
+    std::size_t parsed_lines = 0;  // how many lines ParseHistoryLog was through with
 };
 
 }  // namespace Engine

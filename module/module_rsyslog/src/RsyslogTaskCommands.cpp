@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <boost/algorithm/string/predicate.hpp>
 #include <memory>
+#include <new>
 #include <set>
 #include <utility>
 
@@ -142,24 +143,28 @@ void RsyslogTask::CheckHistoryReport() {
             return;
         }
     }
-    if (static_cast<std::int64_t>(history_list.size()) >= rsyslog_policy.his_count &&
+    std::size_t count = history_list.size();
+    if (static_cast<std::int64_t>(count) >= rsyslog_policy.his_count &&
         state() != TASK_CANCELLING) {
         // What is suppressed is the same; only the trace lines tell of every pair.
         if (TraceIsOn()) {
             PaceHistoryByPairs();
         } else {
-            PaceHistory();
+            count = PaceHistory();
         }
     }
-    std::string text = ReportQueued(host_name);
+    std::string text = ReportQueued(count, host_name);
     if (!text.empty()) {
         HistoryWriteLog(std::move(text), rsyslog_policy.history_log_path);
     }
+    if (state() == TASK_CANCELLING) {
+        history_list.clear();
+    }
 }
 
-std::string RsyslogTask::ReportQueued(const std::string& host_name) {
+std::string RsyslogTask::ReportQueued(std::size_t count, const std::string& host_name) {
     std::string text;
-    for (; !history_list.empty() && state() != TASK_CANCELLING; history_list.pop_front()) {
+    for (; count > 0 && state() != TASK_CANCELLING; --count, history_list.pop_front()) {
         const history_info& record = history_list.front();
         if (!record.need_report) {
             continue;
@@ -178,10 +183,9 @@ std::string RsyslogTask::ReportQueued(const std::string& host_name) {
             }
             RSYSLOG_LOG(PRIO_ERROR, "commands lost: %d, to be reported in the next cycle: %?d: %s",
                         text.empty() ? 1 : 0, history_list.size(), std::string(e.what()));
-            return text;
+            break;
         }
     }
-    history_list.clear();
     return text;
 }
 
@@ -208,12 +212,13 @@ void RsyslogTask::PaceHistoryByPairs() {
     }
 }
 
-void RsyslogTask::PaceHistory() {
+std::size_t RsyslogTask::PaceHistory() {
     const auto interval = static_cast<std::uint32_t>(rsyslog_policy.his_interval);
     std::set<std::int64_t> earlier;
+    std::size_t paced = 0;
     for (history_info& record : history_list) {
         if (state() == TASK_CANCELLING) {
-            return;
+            break;
         }
         const std::int64_t time = LogtimeToInt(record.stamp);
         // If any earlier time is near enough, one of the two neighbours is.
@@ -222,8 +227,16 @@ void RsyslogTask::PaceHistory() {
             (above != earlier.begin() && Distance(*std::prev(above), time) < interval)) {
             record.need_report = false;
         }
-        earlier.insert(above, time);
+        ++paced;
+        try {
+            earlier.insert(above, time);
+        } catch (const std::bad_alloc&) {
+            RSYSLOG_LOG(PRIO_ERROR, "out of memory, commands to be reported in the next cycle: %?d",
+                        history_list.size() - paced);
+            break;
+        }
     }
+    return paced;
 }
 
 void RsyslogTask::SendHistoryLogInfo(const history_info& record) {

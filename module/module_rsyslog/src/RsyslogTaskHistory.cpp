@@ -358,6 +358,8 @@ void RsyslogTask::BuildHistoryLog() {
     const std::string now = GetLocalTimeStr(std::time(nullptr));
     char host_name[kHostNameSize] = {};
     gethostname(host_name, sizeof(host_name) - 1);
+    // Memory ran out over what an earlier cycle has queued: that goes first.
+    const bool backlog = !history_list.empty();
     std::list<user_info>& users = rsyslog_policy.user_list;
     for (auto user = users.begin(); user != users.end() && state() != TASK_CANCELLING; ++user) {
         RSYSLOG_THROTTLE();
@@ -368,6 +370,9 @@ void RsyslogTask::BuildHistoryLog() {
         check(user->home + "/.bashrc");
         if (user->name == "root") {
             check("/etc/profile");
+        }
+        if (backlog) {
+            continue;
         }
         Shielded(user->home + "/.bash_history", [&] { ReadCommands(user, host_name, now); });
     }
