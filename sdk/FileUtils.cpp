@@ -259,6 +259,31 @@ bool HasContent(int handle, const std::string& content) {
     return error == 0 && done == content.size();
 }
 
+// For a file that something is mounted on: no other can take its place. The room to grow comes
+// first, so that a full disk costs no byte of the old content.
+int WriteInPlace(int handle, const std::string& content) {
+    Descriptor file;
+    struct stat status {};
+    int error = OpenRegular(PathOf(handle), O_WRONLY, file, status);
+    if (error != 0) {
+        return error;
+    }
+    const auto size = static_cast<off_t>(content.size());
+    if (size > status.st_size) {
+        do {
+            error = posix_fallocate(file.Get(), status.st_size, size - status.st_size);
+        } while (error == EINTR);
+        if (error != 0) {
+            return ftruncate(file.Get(), status.st_size) == 0 ? error : errno;
+        }
+    }
+    error = WriteAll(file.Get(), content);
+    if (error == 0 && (ftruncate(file.Get(), size) != 0 || fsync(file.Get()) != 0)) {
+        error = errno;
+    }
+    return error;
+}
+
 // `source` is an open file whose permissions and owner a new file takes over, -1 for the usual
 // ones.
 int ReplaceFile(const std::string& path, const std::string& content, int source) {
@@ -288,6 +313,8 @@ int ReplaceFile(const std::string& path, const std::string& content, int source)
     if (error == 0) {
         // Some file systems cannot flush a directory and say so with EINVAL.
         error = fsync(target.dir.Get()) == 0 || errno == EINVAL ? 0 : errno;
+    } else if (error == EBUSY && exists) {
+        error = WriteInPlace(target.old.Get(), content);
     }
     return error;
 }

@@ -249,6 +249,26 @@ TEST(FileUtils, AReplacedFileKeepsItsRightsExactlyAndACopyGetsThoseOfItsSource) 
     }
 }
 
+TEST(FileUtils, AFileThatSomethingIsMountedOnIsWrittenInPlace) {
+    const TempDir dir;
+    const TempDir disk;
+    ASSERT_EQ(mount("tmpfs", (disk / "").c_str(), "tmpfs", 0, "size=64k"), 0);
+    ASSERT_EQ(WriteFile(dir / "hosts", "", false), 0);
+    ASSERT_EQ(WriteFile(disk / "hosts", "old content", false), 0);
+    ASSERT_EQ(chmod((disk / "hosts").c_str(), 0604), 0);
+    ASSERT_EQ(mount((disk / "hosts").c_str(), (dir / "hosts").c_str(), nullptr, MS_BIND, nullptr),
+              0);
+    for (const std::string& content : {std::string("new"), std::string(50000, 'n')}) {
+        EXPECT_EQ(WriteFile(dir / "hosts", content, false), 0);
+        EXPECT_EQ(WriteFile(dir / "hosts", std::string(70000, 'x'), false), ENOSPC);
+        EXPECT_TRUE(Read(disk / "hosts") == content);
+    }
+    EXPECT_EQ(RightsOf(dir / "hosts").substr(0, 10), "100604 0 0");
+    EXPECT_EQ(EntriesOf(dir), 1) << "nothing is left behind";
+    EXPECT_EQ(umount((dir / "hosts").c_str()), 0);
+    EXPECT_EQ(umount((disk / "").c_str()), 0);
+}
+
 TEST(FileUtils, KilledWritersLeaveOneFileThatTheNextOneRemoves) {
     const TempDir dir;
     const std::string names[] = {"a", std::string(254, 'n') + "1", std::string(254, 'n') + "2"};
