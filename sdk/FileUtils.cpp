@@ -1,5 +1,7 @@
 #include "sdk/FileUtils.h"
 
+#include <Poco/Error.h>
+#include <Poco/Logger.h>
 #include <fcntl.h>
 #include <limits.h>
 #include <linux/magic.h>
@@ -284,6 +286,16 @@ int WriteInPlace(int handle, const std::string& content) {
     return error;
 }
 
+void SyncDirectory(int dir, const std::string& path) {
+    // Some file systems cannot flush a directory and say so with EINVAL.
+    if (fsync(dir) != 0 && errno != EINVAL) {
+        const std::string reason = Poco::Error::getMessage(errno);
+        Poco::Logger::get("watchpost")
+            .warning(path + " was replaced, but a crash may bring the old file back: " + reason,
+                     __FILE__, __LINE__);
+    }
+}
+
 // `source` is an open file whose permissions and owner a new file takes over, -1 for the usual
 // ones.
 int ReplaceFile(const std::string& path, const std::string& content, int source) {
@@ -311,8 +323,7 @@ int ReplaceFile(const std::string& path, const std::string& content, int source)
     }
     error = replacement.Commit();
     if (error == 0) {
-        // Some file systems cannot flush a directory and say so with EINVAL.
-        error = fsync(target.dir.Get()) == 0 || errno == EINVAL ? 0 : errno;
+        SyncDirectory(target.dir.Get(), path);
     } else if (error == EBUSY && exists) {
         error = WriteInPlace(target.old.Get(), content);
     }

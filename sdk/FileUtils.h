@@ -60,6 +60,8 @@ int ReadFile(const std::string& path, std::string& content, size_t limit,
 // target is cut). A writer that is killed may leave that file, the next one removes it. Another
 // writer of the same target, any process's, is waited for half a second, then EBUSY; EEXIST when
 // something else than a file has that name.
+//   A directory that cannot be flushed is a warning in the log: the new content is in place, only a
+// crash may still bring the old one back.
 //   A file that something is mounted on (as in containers) is overwritten where it is: a full disk
 // leaves the old content, but a crash or an I/O error midway a mixture of both, or the old content
 // with zero bytes behind it. File capabilities are lost then.

@@ -1,3 +1,5 @@
+#include <Poco/Logger.h>
+#include <Poco/StreamChannel.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -28,6 +30,7 @@ using namespace SDK::FileUtils;
 namespace {
 
 // What the system calls below, which stand before the C library's own, do now and then in earnest.
+std::atomic<bool> directories_fail{false};
 std::atomic<bool> killed_at_fsync{false};
 std::function<void()> before_lock;  // happens once
 
@@ -41,6 +44,11 @@ extern "C" int flock(int fd, int operation) {
 }
 
 extern "C" int fsync(int fd) {
+    struct stat status {};
+    if (directories_fail && fstat(fd, &status) == 0 && S_ISDIR(status.st_mode)) {
+        errno = EIO;
+        return -1;
+    }
     if (killed_at_fsync) {
         raise(SIGKILL);
     }
@@ -267,6 +275,19 @@ TEST(FileUtils, AFileThatSomethingIsMountedOnIsWrittenInPlace) {
     EXPECT_EQ(EntriesOf(dir), 1) << "nothing is left behind";
     EXPECT_EQ(umount((dir / "hosts").c_str()), 0);
     EXPECT_EQ(umount((disk / "").c_str()), 0);
+}
+
+TEST(FileUtils, ADirectoryThatCannotBeFlushedIsAWarning) {
+    const TempDir dir;
+    std::ostringstream log;
+    Poco::Logger& logger = Poco::Logger::get("watchpost");
+    logger.setChannel(new Poco::StreamChannel(log));
+    directories_fail = true;
+    EXPECT_EQ(WriteFile(dir / "file", "new", false), 0);
+    directories_fail = false;
+    logger.setChannel(nullptr);
+    EXPECT_EQ(Read(dir / "file"), "new");
+    EXPECT_NE(log.str().find(dir / "file"), std::string::npos) << log.str();
 }
 
 TEST(FileUtils, KilledWritersLeaveOneFileThatTheNextOneRemoves) {
