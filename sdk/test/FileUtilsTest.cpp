@@ -30,11 +30,16 @@ using namespace SDK::FileUtils;
 namespace {
 
 // What the system calls below, which stand before the C library's own, do now and then in earnest.
+std::atomic<size_t> write_at_most{SIZE_MAX};
 std::atomic<bool> directories_fail{false};
 std::atomic<bool> killed_at_fsync{false};
 std::function<void()> before_lock;  // happens once
 
 }  // namespace
+
+extern "C" ssize_t write(int fd, const void* data, size_t size) {
+    return syscall(SYS_write, fd, data, std::min(size, write_at_most.load()));
+}
 
 extern "C" int flock(int fd, int operation) {
     if (before_lock) {
@@ -357,6 +362,15 @@ TEST(FileUtils, WritersAtOnceNeitherMixNorStopEachOther) {
         thread.join();
     }
     EXPECT_EQ(EntriesOf(dir), 1) << "nothing is left behind";
+}
+
+TEST(FileUtils, AWriteThatComesUpShortGoesOnWhereItStopped) {
+    const TempDir dir;
+    write_at_most = 7;
+    EXPECT_EQ(WriteFile(dir / "file", "0123456789abcdefghij", false), 0);
+    EXPECT_EQ(WriteFile(dir / "file", "ABCDEFGHIJKLMNOPQRST", true), 0);
+    write_at_most = SIZE_MAX;
+    EXPECT_EQ(Read(dir / "file"), "0123456789abcdefghijABCDEFGHIJKLMNOPQRST");
 }
 
 }  // namespace
