@@ -1,11 +1,11 @@
 #include "sdk/FileUtils.h"
 
+#include <Poco/Error.h>
+#include <Poco/Logger.h>
 #include <fcntl.h>
 #include <limits.h>
 #include <linux/magic.h>
 #include <openssl/evp.h>
-#include <stdio.h>
-#include <sys/random.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
 #include <unistd.h>
@@ -17,14 +17,14 @@
 #include <memory>
 #include <vector>
 
+#include "sdk/Replacement.h"
+
 namespace SDK::FileUtils {
 namespace {
 
 constexpr size_t kBufferSize = 64UL * 1024;
 constexpr int kSafeFlags = O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
 constexpr mode_t kNewFileMode = 0644;
-constexpr mode_t kPermissions = 0777;
-constexpr mode_t kAllModeBits = 07777;
 
 int CheckRegular(const struct stat& status) {
     if (S_ISREG(status.st_mode)) {
@@ -132,8 +132,7 @@ int OpenRegular(const std::string& path, int flags, Descriptor& file, struct sta
     if (IsOfKernel(handle.Get())) {
         return EINVAL;
     }
-    const std::string same = "/proc/self/fd/" + std::to_string(handle.Get());
-    return AdoptRegular(open(same.c_str(), flags | kSafeFlags), file, status);
+    return AdoptRegular(open(PathOf(handle.Get()).c_str(), flags | kSafeFlags), file, status);
 }
 
 // Hands the file to `consume` (data, length -> 0 or an errno value) piece by piece up to its end.
@@ -169,16 +168,6 @@ int CheckSize(int fd, size_t limit, struct stat& status) {
         return errno;
     }
     return static_cast<uint64_t>(status.st_size) > limit ? EFBIG : 0;
-}
-
-int ReadFileAndStatus(const std::string& path, std::string& content, size_t limit,
-                      struct stat& status) {
-    Reader file;
-    int error = file.Open(path);
-    if (error == 0 && fstat(file.Get(), &status) != 0) {
-        error = errno;
-    }
-    return error == 0 ? file.Read(content, limit) : error;
 }
 
 int WriteAll(int fd, const std::string& content) {
@@ -222,11 +211,44 @@ int ResolveLinks(const std::string& path, std::string& target) {
     return ELOOP;
 }
 
-bool HasContent(int dir_fd, const std::string& name, const std::string& content) {
+// A path taken apart: the directory, and the name in it of the file that the path leads to.
+struct Target {
+    Descriptor dir;
+    std::string name;
+    Descriptor old;  // a handle of the file there is, if there is one
+};
+
+int FindTarget(const std::string& path, Target& target) {
+    struct stat status {};
+    int error = StatRegular(path, status);
+    if (error != 0 && error != ENOENT) {
+        return error;
+    }
+    std::string resolved;
+    if (error = ResolveLinks(path, resolved); error != 0) {
+        return error;
+    }
+    const size_t slash = resolved.rfind('/') + 1;
+    target.name = resolved.substr(slash);
+    if (target.name.empty()) {
+        return resolved.empty() ? ENOENT : EISDIR;
+    }
+    const std::string dir = slash == 0 ? "." : resolved.substr(0, slash);
+    error = target.dir.Reset(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (error != 0) {
+        return error;
+    }
+    error = OpenHandle(target.dir.Get(), target.name, O_NOFOLLOW, target.old);
+    if (error == 0) {
+        error = fstat(target.old.Get(), &status) == 0 ? CheckRegular(status) : errno;
+    }
+    return error == ENOENT ? 0 : error;
+}
+
+bool HasContent(int handle, const std::string& content) {
     Descriptor file;
     struct stat status {};
-    const int fd = openat(dir_fd, name.c_str(), O_RDONLY | O_NOFOLLOW | kSafeFlags);
-    if (AdoptRegular(fd, file, status) != 0 ||
+    if (OpenRegular(PathOf(handle), O_RDONLY, file, status) != 0 ||
         static_cast<uint64_t>(status.st_size) != content.size()) {
         return false;
     }
@@ -239,126 +261,73 @@ bool HasContent(int dir_fd, const std::string& name, const std::string& content)
     return error == 0 && done == content.size();
 }
 
-// The temporary file of one replacement; removed unless it took its target's place.
-class Replacement {
-public:
-    explicit Replacement(int dir_fd) : dir_fd_(dir_fd) {}
-    ~Replacement() {
-        if (!name_.empty()) {
-            unlinkat(dir_fd_, name_.c_str(), 0);
-        }
-    }
-    Replacement(const Replacement&) = delete;
-    Replacement& operator=(const Replacement&) = delete;
-
-    // ".NAME.XXXXXX": hidden and of another suffix, so that no one who collects files takes it.
-    int Create(const std::string& target, mode_t mode) {
-        constexpr char kLetters[] = "abcdefghijklmnopqrstuvwxyz234567";
-        constexpr int kMaxTries = 100;
-        constexpr size_t kRandomLength = 6;
-        for (int i = 0; i < kMaxTries; ++i) {
-            std::array<unsigned char, kRandomLength> random{};
-            if (getrandom(random.data(), random.size(), 0) != kRandomLength) {
-                return EIO;
-            }
-            std::string name = "." + target.substr(0, NAME_MAX - kRandomLength - 2) + ".";
-            for (const unsigned char byte : random) {
-                name += kLetters[byte % (sizeof kLetters - 1)];
-            }
-            const int flags = O_WRONLY | O_CREAT | O_EXCL | kSafeFlags;
-            const int error = file_.Reset(openat(dir_fd_, name.c_str(), flags, mode));
-            if (error == 0) {
-                name_ = name;
-                return 0;
-            }
-            if (error != EEXIST) {
-                return error;
-            }
-        }
-        return EEXIST;
-    }
-
-    int Commit(const std::string& target) {
-        if (fsync(file_.Get()) != 0 ||
-            renameat(dir_fd_, name_.c_str(), dir_fd_, target.c_str()) != 0) {
-            return errno;
-        }
-        name_.clear();
-        // Some file systems cannot flush a directory and say so with EINVAL.
-        return fsync(dir_fd_) == 0 || errno == EINVAL ? 0 : errno;
-    }
-
-    int Get() const { return file_.Get(); }
-
-private:
-    int dir_fd_;
-    std::string name_;
-    Descriptor file_;
-};
-
-int SetOwner(int fd, const struct stat& wanted) {
+// For a file that something is mounted on: no other can take its place. The room to grow comes
+// first, so that a full disk costs no byte of the old content.
+int WriteInPlace(int handle, const std::string& content) {
+    Descriptor file;
     struct stat status {};
-    if (fstat(fd, &status) != 0) {
-        return errno;
-    }
-    if (status.st_uid == wanted.st_uid && status.st_gid == wanted.st_gid) {
-        return 0;
-    }
-    return fchown(fd, wanted.st_uid, wanted.st_gid) == 0 ? 0 : errno;
-}
-
-// `source` is whose permissions and owner a new file takes over, null for the usual ones.
-int ReplaceFile(const std::string& path, const std::string& content, const struct stat* source) {
-    struct stat status {};
-    int error = StatRegular(path, status);
-    if (error != 0 && error != ENOENT) {
-        return error;
-    }
-    std::string target;
-    if (error = ResolveLinks(path, target); error != 0) {
-        return error;
-    }
-    const size_t slash = target.rfind('/') + 1;
-    const std::string name = target.substr(slash);
-    if (name.empty()) {
-        return target.empty() ? ENOENT : EISDIR;
-    }
-    const std::string dir = slash == 0 ? "." : target.substr(0, slash);
-    Descriptor dir_file;
-    error = dir_file.Reset(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    int error = OpenRegular(PathOf(handle), O_WRONLY, file, status);
     if (error != 0) {
         return error;
     }
-    const bool exists = fstatat(dir_file.Get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
-    if (!exists && errno != ENOENT) {
-        return errno;
-    }
-    if (exists) {
-        if (error = CheckRegular(status); error != 0) {
-            return error;
-        }
-        if (HasContent(dir_file.Get(), name, content)) {
-            return 0;
+    const auto size = static_cast<off_t>(content.size());
+    if (size > status.st_size) {
+        do {
+            error = posix_fallocate(file.Get(), status.st_size, size - status.st_size);
+        } while (error == EINTR);
+        if (error != 0) {
+            return ftruncate(file.Get(), status.st_size) == 0 ? error : errno;
         }
     }
+    error = WriteAll(file.Get(), content);
+    if (error == 0 && (ftruncate(file.Get(), size) != 0 || fsync(file.Get()) != 0)) {
+        error = errno;
+    }
+    return error;
+}
 
+void SyncDirectory(int dir, const std::string& path) {
+    // Some file systems cannot flush a directory and say so with EINVAL.
+    if (fsync(dir) != 0 && errno != EINVAL) {
+        const std::string reason = Poco::Error::getMessage(errno);
+        Poco::Logger::get("watchpost")
+            .warning(path + " was replaced, but a crash may bring the old file back: " + reason,
+                     __FILE__, __LINE__);
+    }
+}
+
+// `source` is an open file whose permissions and owner a new file takes over, -1 for the usual
+// ones.
+int ReplaceFile(const std::string& path, const std::string& content, int source) {
+    Target target;
+    int error = FindTarget(path, target);
+    if (error != 0) {
+        return error;
+    }
+    const bool exists = target.old.Get() >= 0;
+    if (exists && HasContent(target.old.Get(), content)) {
+        return 0;
+    }
+    const int model = exists ? target.old.Get() : source;
+    Replacement replacement(target.dir.Get(), target.name);
     // Closed to others until it has the owner it is to have.
-    const bool inherits = exists || source != nullptr;
-    Replacement replacement(dir_file.Get());
-    error = replacement.Create(name, inherits ? S_IRUSR | S_IWUSR : kNewFileMode);
+    error = replacement.Create(model >= 0 ? S_IRUSR | S_IWUSR : kNewFileMode);
     if (error == 0) {
         error = WriteAll(replacement.Get(), content);
     }
-    if (error == 0 && exists) {
-        error = SetOwner(replacement.Get(), status);
-    } else if (error == 0 && source != nullptr) {
-        SetOwner(replacement.Get(), *source);
+    if (error == 0 && model >= 0) {
+        error = replacement.TakeOver(model, exists);
     }
-    if (error == 0 && inherits) {
-        const mode_t mode = exists ? status.st_mode & kAllModeBits : source->st_mode & kPermissions;
-        error = fchmod(replacement.Get(), mode) == 0 ? 0 : errno;
+    if (error != 0) {
+        return error;
     }
-    return error == 0 ? replacement.Commit(name) : error;
+    error = replacement.Commit();
+    if (error == 0) {
+        SyncDirectory(target.dir.Get(), path);
+    } else if (error == EBUSY && exists) {
+        error = WriteInPlace(target.old.Get(), content);
+    }
+    return error;
 }
 
 int AppendToFile(const std::string& path, const std::string& content) {
@@ -453,14 +422,17 @@ int ReadFile(const std::string& path, std::string& content, size_t limit, Links 
 }
 
 int WriteFile(const std::string& path, const std::string& content, bool append) {
-    return append ? AppendToFile(path, content) : ReplaceFile(path, content, nullptr);
+    return append ? AppendToFile(path, content) : ReplaceFile(path, content, -1);
 }
 
 int SafeCopyFile(const std::string& source, const std::string& destination, size_t limit) {
+    Reader file;
     std::string content;
-    struct stat status {};
-    const int error = ReadFileAndStatus(source, content, limit, status);
-    return error == 0 ? ReplaceFile(destination, content, &status) : error;
+    int error = file.Open(source);
+    if (error == 0) {
+        error = file.Read(content, limit);
+    }
+    return error == 0 ? ReplaceFile(destination, content, file.Get()) : error;
 }
 
 int GetFileSha256(const std::string& path, std::string& hash, size_t limit) {

@@ -52,16 +52,26 @@ int ReadFile(const std::string& path, std::string& content, size_t limit,
              Links links = Links::kAll);
 
 // append=false replaces the content: a crash leaves the old file or the new one, whole and on disk,
-// and a failure leaves the old one. Mode and owner of an existing file are kept, a new one gets
-// 0644 less the umask; hard links and extended attributes stay with the old file. A symbolic link
-// stays one, its target is replaced or created. Content that is there already is not written again.
+// and a failure leaves the old one. Mode, owner, access list and all other extended attributes of
+// an existing file are kept, or it is not replaced; a new one gets 0644 less the umask; hard links
+// stay with the old file. A symbolic link stays one, its target is replaced or created. Content
+// that is there already is not written again.
+//   The new file is prepared beside the target as ".TARGET.watchpost-new" (the name of a long
+// target is cut). A writer that is killed may leave that file, the next one removes it. Another
+// writer of the same target, any process's, is waited for half a second, then EBUSY; EEXIST when
+// something else than a file has that name.
+//   A directory that cannot be flushed is a warning in the log: the new content is in place, only a
+// crash may still bring the old one back.
+//   A file that something is mounted on (as in containers) is overwritten where it is: a full disk
+// leaves the old content, but a crash or an I/O error midway a mixture of both, or the old content
+// with zero bytes behind it. File capabilities are lost then.
 // append=true adds to the end, all of `content` or nothing of it (an absent file may be left
 // empty); it does not wait for the disk, and takes one writer at a time.
 int WriteFile(const std::string& path, const std::string& content, bool append);
 
 // Replaces `destination` with the content of `source` (at most `limit` bytes) as WriteFile does. A
-// new destination gets the permissions of the source, never set-id bits, and its owner where
-// allowed.
+// new destination gets the permissions of the source, its access list included (ENOTSUP where the
+// file system has none), but no set-id bits, no other attributes, and its owner where allowed.
 int SafeCopyFile(const std::string& source, const std::string& destination, size_t limit);
 
 // `hash` becomes 64 lower-case hexadecimal digits; it is unchanged on failure. The memory used does
