@@ -162,37 +162,58 @@ TEST(Program, ABadStartIsOneLineAndAStatusAndAGoodOneStopsInOrder) {
     }
     fs::create_directory("/tmp/policy");
     fs::copy_file(SOUND_MODULE, home + "module/sound.so");
-    WriteText("/tmp/101", "cpu.limit.percent=101\n");
     // Options go before the file.
     WriteText(home + "conf/watchpost.properties", "policy.dir=/none\nreport.file=" + report);
     const struct {
         std::string options;
         int status;
         std::string piece;
+        std::string configuration = {};
     } cases[] = {
-        {"--bogus", 78, "bogus"},
+        {"--bogus", 64, "bogus"},
+        {"--umask=000", 64, "umask"},
+        {"--log=/tmp", 64, "Ambiguous"},
+        {"--report", 64, "requires FILE"},
         {"stray", 64, "stray"},
+        {"--log-level='loud\ner'", 64, "--log-level must be error, warning, notice"},
         {"--config=/none", 78, "/none"},
-        {"--config=/tmp", 78, "not a regular file"},
-        {"--config=/tmp/101", 78, "not 101"},
+        {"--config=/tmp", 78, "Is a directory"},
+        {"", 78, "line 2: cpu.limit.percent must be a number", "\ncpu.limit.percent=101"},
+        {"", 78, "line 1: log.level must be error, warning", "log.level = loud"},
+        {"", 78, "line 2: unknown key log.lvel", "# log.lvl\nlog.lvel = debug"},
+        {"", 78, "line 1: unknown key pidfile", "pidfile = /tmp/pid"},
+        {"", 78, "line 2: not KEY = VALUE: log.dir", "! =\n log.dir"},
+        {"", 78, "line 2: log.dir is set a second time", "log.dir=/tmp\nlog.dir=/tmp"},
         {"--module-dir=/dev/null", 72, "Not a directory"},
         {"--log-dir=/none", 72, "/none"},
         {"--report=/dev/null", 73, "Invalid argument"},
-        {"--daemon --log-level=loud", 64, "loud"},
+        {"--pidfile=/none/pid", 73, "/none/pid"},
+        {"--daemon --report=/none/report", 73, "/none"},
     };
     for (const auto& each : cases) {
-        EXPECT_EQ(each.status, RunAgent(each.options)) << each.options;
+        WriteText("/tmp/conf", each.configuration);
+        const std::string options =
+            each.configuration.empty() ? each.options : "--config=/tmp/conf";
+        EXPECT_EQ(each.status, RunAgent(options)) << options;
         const std::string out = ReadText("/tmp/out");
+        EXPECT_EQ(0U, out.find("watchpost: ")) << out;
         EXPECT_EQ(out.size() - 1, out.find('\n')) << out;
         EXPECT_NE(std::string::npos, out.find(each.piece)) << out;
+        EXPECT_EQ(each.status == 64, out.find("--help") != std::string::npos) << out;
     }
+    RunAgent("--help | grep -o '^--[a-z-]*' | sort | tr '\\n' ' '");
+    EXPECT_EQ(
+        "--config --daemon --help --log-dir --log-level --module-dir --pidfile --policy-dir "
+        "--report --version ",
+        ReadText("/tmp/out"));
 
     WriteText("/tmp/policy/p.json", "0");
     auto status = std::async(std::launch::async, [] { return RunAgent("--pidfile=/tmp/pid"); });
     EXPECT_TRUE(Await([&] { return Contents(report) == Strings{"start", "0"}; }));
     const int process = std::atoi(ReadText("/tmp/pid").c_str());
     ASSERT_LT(1, process);
-    EXPECT_EQ(75, RunAgent("")) << "a second one";
+    EXPECT_EQ(75, RunAgent("--pidfile=/tmp/pid")) << "a second one";
+    EXPECT_EQ(process, std::atoi(ReadText("/tmp/pid").c_str()));
     fs::rename(report, report + ".1");
     kill(process, SIGHUP);
     // The signal takes its time: reports may go to the old file for a while, but never to none.
@@ -202,11 +223,37 @@ TEST(Program, ABadStartIsOneLineAndAStatusAndAGoodOneStopsInOrder) {
         WriteText("/tmp/policy/p.json", std::to_string(tasks));
         ASSERT_TRUE(Await([&] { return reports() == tasks + 1; }));
     }
+    WriteText("/tmp/pid", "another's");
     kill(process, SIGTERM);
     EXPECT_EQ(0, status.get());
+    EXPECT_EQ("another's", ReadText("/tmp/pid"));
     // What the tasks send while they end is in the file as well.
     EXPECT_EQ(2 * tasks, reports());
     EXPECT_EQ("end", Contents(report).back());
+}
+
+TEST(Program, ADaemonTakesPathsFromTheDirectoryOfItsStart) {
+    for (const char* directory : {"/tmp/here", "/tmp/here/policy", "/tmp/here/module"}) {
+        fs::create_directory(directory);
+    }
+    fs::copy_file(SOUND_MODULE, "/tmp/here/module/sound.so");
+    WriteText("/tmp/here/conf",
+              "module.dir=module\npolicy.dir=policy\nlog.dir=.\nreport.file=report");
+    fs::current_path("/tmp/here");
+    EXPECT_EQ(0, std::system(WATCHPOST_PROGRAM " --daemon --config=conf --pidfile=pid"));
+    fs::current_path("/");
+    const int process = std::atoi(ReadText("/tmp/here/pid").c_str());
+    ASSERT_LT(1, process);
+    // Whatever the agent opens now, it opens in the background.
+    fs::rename("/tmp/here/report", "/tmp/here/report.1");
+    kill(process, SIGHUP);
+    for (int i = 0; i < 20 && !fs::exists("/tmp/here/report"); ++i) {
+        WriteText("/tmp/here/policy/p.json", std::to_string(i));
+        Await([] { return fs::exists("/tmp/here/report"); }, std::chrono::seconds(1));
+    }
+    EXPECT_TRUE(fs::exists("/tmp/here/report"));
+    kill(process, SIGTERM);
+    EXPECT_TRUE(Await([&] { return !fs::exists("/tmp/here/pid"); }));
 }
 
 }  // namespace
