@@ -178,10 +178,12 @@ int Watchpost::Serve() {
     StartTask(report);
     const StopAtExit stop{*this};
     LoadModules(module_dir);
-    const PolicyDirectory policies(policy_dir, [this](const auto& name, const auto& content) {
-        DeliverPolicy(kPolicyType, name, content);
-        EnforcePolicies();
-    });
+    const PolicyDirectory policies(
+        policy_dir,
+        [this](const auto& name, const auto& content) {
+            DeliverPolicy(kPolicyType, name, content);
+        },
+        [this] { EnforcePolicies(); });
     Daemon::Started();
     while (Signals::Wait() == Signals::Request::kReopen) {
         report->Reopen();

@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
+#include <malloc.h>
+#include <pthread.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <future>
@@ -113,9 +116,12 @@ TEST(PolicyDirectory, DeliversInNameOrderWhatIsReadableWholeAndChanged) {
     }
     fs::resize_file(folder / "large.json", 1048577);
     ASSERT_EQ(0, mkfifo((folder / "fifo.json").c_str(), 0600));
-    const PolicyDirectory watcher(folder / ".", [](const auto& name, const auto& content) {
-        Poco::Logger::get("delivered").information(name + " " + content);
-    });
+    const PolicyDirectory watcher(
+        folder / ".",
+        [](const auto& name, const auto& content) {
+            Poco::Logger::get("delivered").information(name + " " + content);
+        },
+        [] {});
     Strings expected{"6 a.json first"};
     const auto delivers = [&](const std::string& line) {
         expected.push_back("6 " + line);
@@ -146,10 +152,65 @@ TEST(PolicyDirectory, DeliversInNameOrderWhatIsReadableWholeAndChanged) {
     EXPECT_EQ(1, log.Holding("/fifo.json cannot be read: "));
 }
 
-// Runs the agent, a minute at most, its output in the file "out". Its exit status.
-int RunAgent(const std::string& options) {
+TEST(PolicyDirectory, SettlesAfterEachScanKeepsNoTextAndTellsOfALostDirectoryOnce) {
+    const TempDir folder;
+    const LogCapture log("watchpost");
+    const std::string path = folder / "policy";
+    const std::string away = folder / "away";
+    const int files = 20;
+    fs::create_directory(path);
+    for (int i = 0; i < files; ++i) {
+        const std::string file = path + "/" + std::to_string(i) + ".json";
+        WriteText(file, std::string(1 << 20, ' '));
+        fs::last_write_time(file, fs::file_time_type::clock::now() - std::chrono::hours(1));
+    }
+    const auto memory = [] { return mallinfo2().uordblks + mallinfo2().hblkhd; };
+    const std::size_t before = memory();
+    std::atomic<int> delivered{0};
+    std::atomic<int> settled{0};
+    const PolicyDirectory watcher(
+        path, [&](const auto&, const auto&) { ++delivered; },
+        [&] {
+            EXPECT_EQ(files, delivered);
+            ++settled;
+        });
+    EXPECT_TRUE(Await([&] { return settled > 0; }));
+    EXPECT_LT(memory(), before + (2U << 20));
+    // The watcher follows the directory, so that a file in it is the event for a scan.
+    const auto scan = [&](const std::string& file) {
+        const int already = settled;
+        WriteText(file, "");
+        EXPECT_TRUE(Await([&] { return settled > already; }));
+    };
+    fs::rename(path, away);
+    scan(away + "/one.txt");
+    scan(away + "/two.txt");
+    EXPECT_EQ(1, log.Holding(path + " cannot be read: "));
+    fs::rename(away, path);
+    scan(path + "/three.txt");
+    scan(path + "/four.txt");
+    EXPECT_EQ(1, log.Holding("6 policy directory " + path + " is read again"));
+}
+
+TEST(PolicyDirectory, ThrowsWhenNoThreadCanBeHad) {
+    const TempDir folder;
+    pthread_attr_t usual;
+    pthread_attr_t excessive;
+    pthread_getattr_default_np(&usual);
+    pthread_getattr_default_np(&excessive);
+    ASSERT_EQ(0, pthread_attr_setstacksize(&excessive, std::size_t{1} << 47U));
+    pthread_setattr_default_np(&excessive);
+    EXPECT_THROW(PolicyDirectory(
+                     folder / ".", [](const auto&, const auto&) {}, [] {}),
+                 Poco::SystemException);
+    pthread_setattr_default_np(&usual);
+}
+
+// Runs the agent, a minute at most and after `first`, its output in the file "out". Its exit
+// status.
+int RunAgent(const std::string& options, const std::string& first = "") {
     const std::string program =
-        "timeout -s KILL 60 " WATCHPOST_PROGRAM " --policy-dir=/tmp/policy ";
+        first + "timeout -s KILL 60 " WATCHPOST_PROGRAM " --policy-dir=/tmp/policy ";
     const int status = std::system((program + options + " >/tmp/out 2>&1").c_str());
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
@@ -201,6 +262,7 @@ TEST(Program, ABadStartIsOneLineAndAStatusAndAGoodOneStopsInOrder) {
         EXPECT_NE(std::string::npos, out.find(each.piece)) << out;
         EXPECT_EQ(each.status == 64, out.find("--help") != std::string::npos) << out;
     }
+    EXPECT_EQ(71, RunAgent("", "ulimit -s 100000000000 && ")) << "no room for a thread's stack";
     RunAgent("--help | grep -o '^--[a-z-]*' | sort | tr '\\n' ' '");
     EXPECT_EQ(
         "--config --daemon --help --log-dir --log-level --module-dir --pidfile --policy-dir "
