@@ -81,7 +81,7 @@ int Watchpost::Launch(const std::vector<std::string>& arguments) {
     return Told([&] {
         init(arguments);
         // Not run(arguments), which has options and a --daemon of its own.
-        return Application::run();
+        return ServerApplication::run();
     });
 }
 
