@@ -2,17 +2,19 @@
 
 #include <fcntl.h>
 #include <sys/wait.h>
+#include <sysexits.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cstdio>
-#include <cstdlib>
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include "agent/StartError.h"
 
 namespace Daemon {
 
 namespace {
 
-const char* const kOption = "--daemon";
 int started = -1;  // the pipe's end that tells the caller's process
 
 [[noreturn]] void AwaitStart(pid_t agent, int pipe_end) {
@@ -22,22 +24,16 @@ int started = -1;  // the pipe's end that tells the caller's process
     }
     int status = 0;
     waitpid(agent, &status, 0);
-    _exit(WIFEXITED(status) ? WEXITSTATUS(status) : 70);  // EX_SOFTWARE
+    _exit(WIFEXITED(status) ? WEXITSTATUS(status) : EX_SOFTWARE);
 }
 
 }  // namespace
 
-void Enter(std::vector<std::string>& arguments) {
-    const auto option = std::find(arguments.begin(), arguments.end(), kOption);
-    if (option == arguments.end()) {
-        return;
-    }
-    arguments.erase(option);
+void Enter() {
     int ends[2] = {-1, -1};
     const pid_t agent = pipe2(ends, O_CLOEXEC) == 0 ? fork() : -1;
     if (agent < 0) {
-        std::perror("watchpost: --daemon");
-        std::exit(71);  // EX_OSERR
+        throw StartError{EX_OSERR, std::string("--daemon: ") + std::strerror(errno)};
     }
     if (agent > 0) {
         close(ends[1]);

@@ -10,11 +10,11 @@
 #include <chrono>
 #include <cstring>
 #include <exception>
-#include <set>
 #include <utility>
 
 #include "framework/Log.h"
 #include "sdk/FileUtils.h"
+#include "sdk/StringUtils.h"
 
 namespace {
 
@@ -38,10 +38,16 @@ bool IsFresh(const std::string& path) {
     return age >= std::chrono::nanoseconds(0) && age < std::chrono::milliseconds(kQuietMs);
 }
 
+// What stands for a text in memory: its digest, itself where none can be made.
+std::string Identity(const std::string& text) {
+    std::string digest = SDK::StringUtils::Sha256(text);
+    return digest.empty() ? text : digest;
+}
+
 }  // namespace
 
-PolicyDirectory::PolicyDirectory(const std::string& path, Deliver deliver)
-    : path_(path), deliver_(std::move(deliver)) {
+PolicyDirectory::PolicyDirectory(const std::string& path, Deliver deliver, Settle settle)
+    : path_(path), deliver_(std::move(deliver)), settle_(std::move(settle)) {
     watcher_ = std::make_unique<Poco::DirectoryWatcher>(path);
     watcher_->itemAdded += Poco::delegate(this, &PolicyDirectory::OnEvent);
     watcher_->itemModified += Poco::delegate(this, &PolicyDirectory::OnEvent);
@@ -75,7 +81,14 @@ void PolicyDirectory::OnEvent(const Poco::DirectoryWatcher::DirectoryEvent& /*ev
 
 void PolicyDirectory::Run() {
     while (!stopping_) {
-        Scan();
+        try {
+            Scan();
+            if (!stopping_) {
+                settle_();
+            }
+        } catch (...) {
+            Framework::LogException({"policy directory ", path_, " not scanned"});
+        }
         if (changed_.tryWait(kRescanMs)) {
             WaitUntilQuiet();
         }
@@ -88,8 +101,8 @@ void PolicyDirectory::WaitUntilQuiet() {
     }
 }
 
-void PolicyDirectory::Scan() {
-    std::set<std::string> names;
+bool PolicyDirectory::List(std::set<std::string>& names) {
+    std::string trouble;
     try {
         for (Poco::DirectoryIterator entry(path_), end; entry != end; ++entry) {
             if (entry.path().getExtension() == "json") {
@@ -97,7 +110,22 @@ void PolicyDirectory::Scan() {
             }
         }
     } catch (const Poco::Exception& e) {
-        Framework::Log().error("policy directory " + path_ + " cannot be read: " + e.displayText());
+        trouble = e.displayText();
+    }
+    if (trouble != trouble_) {
+        if (trouble.empty()) {
+            Framework::Log().information("policy directory " + path_ + " is read again");
+        } else {
+            Framework::Log().error("policy directory " + path_ + " cannot be read: " + trouble);
+        }
+        trouble_ = trouble;
+    }
+    return trouble.empty();
+}
+
+void PolicyDirectory::Scan() {
+    std::set<std::string> names;
+    if (!List(names)) {
         return;
     }
     for (auto known = seen_.begin(); known != seen_.end();) {
@@ -109,23 +137,26 @@ void PolicyDirectory::Scan() {
         }
         if (IsFresh(path_ + "/" + name)) {
             changed_.set();
-            continue;
+        } else {
+            Read(name);
         }
-        std::string content;
-        const int status = SDK::FileUtils::ReadFile(path_ + "/" + name, content, kMaxPolicySize);
-        // An unreadable file is reported once for each reason, not at every event.
-        std::string& seen = seen_[name];
-        const std::string now =
-            status == 0 ? "=" + content : std::string("!") + std::strerror(status);
-        if (seen == now) {
-            continue;
-        }
-        seen = now;
-        if (status != 0) {
-            Framework::Log().error("policy file " + path_ + "/" + name +
-                                   " cannot be read: " + std::strerror(status));
-            continue;
-        }
-        deliver_(name, content);
     }
+}
+
+void PolicyDirectory::Read(const std::string& name) {
+    std::string content;
+    const int status = SDK::FileUtils::ReadFile(path_ + "/" + name, content, kMaxPolicySize);
+    std::string now =
+        status == 0 ? "=" + Identity(content) : std::string("!") + std::strerror(status);
+    std::string& seen = seen_[name];
+    if (seen == now) {
+        return;
+    }
+    seen = std::move(now);
+    if (status != 0) {
+        Framework::Log().error("policy file " + path_ + "/" + name +
+                               " cannot be read: " + std::strerror(status));
+        return;
+    }
+    deliver_(name, content);
 }

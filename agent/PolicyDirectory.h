@@ -8,21 +8,25 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 
 // The policy files of a directory. On a thread of its own, the policy thread, every `*.json` is
 // delivered once in name order, and again whenever its content has changed or it has reappeared.
 // A removed file is forgotten, nothing else. A writer that does not rename its file into place is
 // given time to finish: the directory must have been quiet for a moment. Apart from events it is
-// scanned every five seconds.
+// scanned every five seconds. What cannot be read, file or directory, is an error line once for
+// each reason.
 class PolicyDirectory {
 public:
     // Called on the policy thread with the file's name and its whole content.
     using Deliver = std::function<void(const std::string& name, const std::string& content)>;
+    // Called on the policy thread after each scan, when all that changed has been delivered.
+    using Settle = std::function<void()>;
 
-    // Throws Poco::Exception when the directory cannot be watched.
-    PolicyDirectory(const std::string& path, Deliver deliver);
-    // Ends the policy thread; a delivery in progress is finished first.
+    // Throws Poco::Exception when the directory cannot be watched or no thread can be had.
+    PolicyDirectory(const std::string& path, Deliver deliver, Settle settle);
+    // Ends the policy thread; a call in progress is finished first.
     ~PolicyDirectory();
 
 private:
@@ -31,11 +35,16 @@ private:
     void Run();
     void WaitUntilQuiet();
     void Scan();
+    // The policy files by name; false when the directory cannot be read.
+    bool List(std::set<std::string>& names);
+    void Read(const std::string& name);
 
     const std::string path_;
     const Deliver deliver_;
-    // What was last delivered, or why the file could not be read, by file name.
+    const Settle settle_;
+    // What was last delivered, as a digest, or why the file could not be read, by file name.
     std::map<std::string, std::string> seen_;
+    std::string trouble_;  // why the directory could not be read
     Poco::Event changed_{true};
     std::atomic<bool> stopping_{false};
     std::unique_ptr<Poco::DirectoryWatcher> watcher_;

@@ -4,6 +4,7 @@
 #include <Poco/Environment.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -73,11 +74,17 @@ void ReportTask::HandleMsg(const Framework::Message* message) {
     if (report == nullptr) {
         return;
     }
+    if (IsHopeless(report->Content().size())) {
+        ++lost_;
+        return;
+    }
     const std::string line = FormatReport(*report, Poco::Environment::nodeName()) + "\n";
     while (!Append(line)) {
+        const int error = errno;
+        no_room_ = error == ENOSPC || error == EDQUOT;
         if (!failing_) {
             Framework::Log().error("report file " + path_ +
-                                   " cannot be written, trying again: " + std::strerror(errno));
+                                   " cannot be written, trying again: " + std::strerror(error));
             failing_ = true;
         }
         if (isCancelled()) {
@@ -89,11 +96,27 @@ void ReportTask::HandleMsg(const Framework::Message* message) {
     if (failing_) {
         Framework::Log().information("report file " + path_ + " is written again");
         failing_ = false;
+        no_room_ = false;
     }
 }
 
+bool ReportTask::IsInPlace() const {
+    struct stat opened = {};
+    struct stat named = {};
+    return fstat(file_, &opened) == 0 && stat(path_.c_str(), &named) == 0 &&
+           opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
+}
+
+bool ReportTask::IsHopeless(std::size_t size) const {
+    struct statvfs disk = {};
+    // A file system without a bound counts no blocks. The last block of the file may have some
+    // room.
+    return no_room_ && isCancelled() && fstatvfs(file_, &disk) == 0 && disk.f_blocks > 0 &&
+           size > (disk.f_bfree + 1) * disk.f_frsize;
+}
+
 bool ReportTask::Append(const std::string& line) {
-    if ((file_ < 0 || reopen_.exchange(false)) && !Open()) {
+    if ((reopen_.exchange(false) || file_ < 0 || !IsInPlace()) && !Open()) {
         return false;
     }
     const std::string text = torn_ ? "\n" + line : line;

@@ -15,8 +15,8 @@ sem_t arrived;
 
 void OnSignal(int number) {
     const int saved_errno = errno;
-    if (number == SIGPIPE) {
-        return;
+    if (number == SIGPIPE || number == SIGXFSZ) {
+        return;  // the write's own error tells
     }
     if (number != SIGHUP) {
         stop_requested = 1;
@@ -33,7 +33,7 @@ void Install() {
     action.sa_handler = OnSignal;
     action.sa_flags = SA_RESTART;
     sigemptyset(&action.sa_mask);
-    for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGPIPE}) {
+    for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGPIPE, SIGXFSZ}) {
         sigaction(number, &action, nullptr);
     }
 }

@@ -7,7 +7,8 @@ namespace Signals {
 enum class Request { kStop, kReopen };
 
 // From here on SIGTERM and SIGINT ask for a stop, SIGHUP for reopened files; a write to a closed
-// pipe is an error of that write alone. Call before the first thread is made.
+// pipe or past the limit of a file's size is an error of that write alone. Call before the first
+// thread is made.
 void Install();
 
 // Waits for the next request; main thread only. A stop overtakes reopenings.

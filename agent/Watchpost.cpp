@@ -1,25 +1,26 @@
 #include "agent/Watchpost.h"
 
 #include <Poco/Exception.h>
-#include <Poco/File.h>
 #include <Poco/Util/HelpFormatter.h>
-#include <Poco/Util/Option.h>
-#include <Poco/Util/OptionCallback.h>
-#include <Poco/Util/PropertyFileConfiguration.h>
+#include <Poco/Util/OptionException.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
+#include <functional>
 #include <iostream>
 #include <sstream>
 
 #include "agent/Daemon.h"
+#include "agent/PidFile.h"
 #include "agent/PolicyDirectory.h"
 #include "agent/ReportTask.h"
 #include "agent/Signals.h"
+#include "agent/StartError.h"
 #include "framework/Log.h"
 #include "sdk/InnerCpuCtrlUtils.h"
 #include "sdk/LoggerUtils.h"
@@ -42,6 +43,32 @@ struct StopAtExit {
     }
 };
 
+// Tells standard error of a start that failed: one line, whatever the text quotes.
+int Tell(int status, std::string text) {
+    if (status == Watchpost::EXIT_USAGE) {
+        text += "; see watchpost --help";
+    }
+    std::replace_if(
+        text.begin(), text.end(), [](unsigned char c) { return std::iscntrl(c) != 0; }, '?');
+    std::cerr << "watchpost: " << text << std::endl;
+    return status;
+}
+
+// Runs `step` for its exit status, which is that of the fault when it throws.
+int Told(const std::function<int()>& step) {
+    try {
+        return step();
+    } catch (const StartError& e) {
+        return Tell(e.status, e.text);
+    } catch (const Poco::Util::OptionException& e) {
+        return Tell(Watchpost::EXIT_USAGE, e.displayText());
+    } catch (const Poco::Exception& e) {
+        return Tell(Watchpost::EXIT_OSERR, e.displayText());
+    } catch (const std::exception& e) {
+        return Tell(Watchpost::EXIT_OSERR, e.what());
+    }
+}
+
 }  // namespace
 
 Watchpost::Watchpost() {
@@ -50,28 +77,27 @@ Watchpost::Watchpost() {
     setUnixOptions(true);
 }
 
-void Watchpost::defineOptions(Poco::Util::OptionSet& options) {
-    using Poco::Util::Option;
-    ServerApplication::defineOptions(options);
-    const auto bound = [&options](const char* name, const char* argument, const char* key,
-                                  const char* description) {
-        options.addOption(Option(name, "", description).argument(argument).binding(key));
-    };
-    bound("config", "FILE", "config.file", "configuration file, properties format");
-    bound("module-dir", "DIR", "module.dir", "directory of the modules, *.so");
-    bound("policy-dir", "DIR", "policy.dir", "directory of the policy files, *.json");
-    bound("log-dir", "DIR", "log.dir", "directory of the log and of local records");
-    bound("report", "FILE", "report.file", "report file, default LOGDIR/watchpost_report.jsonl");
-    bound("log-level", "LEVEL", "log.level", "error, warning, notice, information, debug or trace");
-    options.addOption(
-        Option("version", "", "print the version")
-            .callback(Poco::Util::OptionCallback<Watchpost>(this, &Watchpost::OnVersion)));
-    options.addOption(
-        Option("help", "", "print this help")
-            .callback(Poco::Util::OptionCallback<Watchpost>(this, &Watchpost::OnHelp)));
+int Watchpost::Launch(const std::vector<std::string>& arguments) {
+    return Told([&] {
+        init(arguments);
+        // Not run(arguments), which has options and a --daemon of its own.
+        return ServerApplication::run();
+    });
 }
 
-void Watchpost::OnHelp(const std::string& /*name*/, const std::string& /*value*/) {
+void Watchpost::defineOptions(Poco::Util::OptionSet& options) {
+    // Not the base's: its --umask would open the record logs to others.
+    Settings::DefineOptions(options);
+}
+
+void Watchpost::handleOption(const std::string& name, const std::string& value) {
+    settings_.SetOption(name, value);
+    if (name == "help" || name == "version") {
+        stopOptionsProcessing();
+    }
+}
+
+std::string Watchpost::Help() const {
     Poco::Util::HelpFormatter formatter(options());
     formatter.setUnixStyle(true);
     formatter.setCommand("watchpost");
@@ -79,69 +105,25 @@ void Watchpost::OnHelp(const std::string& /*name*/, const std::string& /*value*/
     formatter.setHeader("Host-security agent. Defaults are below " + std::string(kHome) + ".");
     std::ostringstream text;
     formatter.format(text);
-    answer_ = text.str();
-    stopOptionsProcessing();
-}
-
-void Watchpost::OnVersion(const std::string& /*name*/, const std::string& /*value*/) {
-    answer_ = "watchpost " WATCHPOST_VERSION "\n";
-    stopOptionsProcessing();
-}
-
-void Watchpost::initialize(Poco::Util::Application& self) {
-    ServerApplication::initialize(self);
-    // A daemon's working directory will be "/": paths given relative to the caller's directory are
-    // resolved while it still holds.
-    for (const char* const key :
-         {"config.file", "module.dir", "policy.dir", "log.dir", "report.file"}) {
-        if (!config().getString(key, "").empty()) {
-            config().setString(key, std::filesystem::absolute(config().getString(key)).string());
-        }
-    }
+    return text.str();
 }
 
 int Watchpost::main(const std::vector<std::string>& arguments) {
-    if (!answer_.empty()) {
-        std::cout << answer_ << std::flush;
-        return EXIT_OK;
-    }
-    try {
+    return Told([&] {
+        if (settings_.IsSet("help") || settings_.IsSet("version")) {
+            std::cout << (settings_.IsSet("help") ? Help() : "watchpost " WATCHPOST_VERSION "\n")
+                      << std::flush;
+            return static_cast<int>(EXIT_OK);
+        }
         if (!arguments.empty()) {
             throw StartError{EXIT_USAGE, "unexpected argument " + arguments.front()};
         }
         return Serve();
-    } catch (const StartError& e) {
-        std::cerr << "watchpost: " << e.text << std::endl;
-        return e.status;
-    } catch (const Poco::Exception& e) {
-        std::cerr << "watchpost: " << e.displayText() << std::endl;
-        return EXIT_SOFTWARE;
-    }
+    });
 }
 
-void Watchpost::LoadConfiguration(const std::string& path) {
-    const bool named = config().hasProperty("config.file");
-    const std::string file = config().getString("config.file", path);
-    struct stat status = {};
-    const int error = stat(file.c_str(), &status) == 0 ? 0 : errno;
-    if (error == ENOENT && !named) {
-        return;
-    }
-    try {
-        if (error != 0 || !S_ISREG(status.st_mode)) {
-            throw Poco::OpenFileException(error != 0 ? std::strerror(error) : "not a regular file");
-        }
-        // Not loadConfiguration, which goes by the extension of the name.
-        Poco::AutoPtr<Poco::Util::PropertyFileConfiguration> properties(
-            new Poco::Util::PropertyFileConfiguration(file));
-        config().add(properties, PRIO_DEFAULT);
-    } catch (const Poco::Exception& e) {
-        throw StartError{EXIT_CONFIG, "configuration file " + file + ": " + e.displayText()};
-    }
-}
-
-std::string Watchpost::Directory(const std::string& key, const std::string& otherwise) {
-    std::string path = config().getString(key, otherwise);
+std::string Watchpost::Directory(const std::string& key) const {
+    std::string path = settings_.Get(key);
     struct stat status = {};
     if (stat(path.c_str(), &status) != 0) {
         throw StartError{EXIT_OSFILE, key + " " + path + ": " + std::strerror(errno)};
@@ -152,8 +134,8 @@ std::string Watchpost::Directory(const std::string& key, const std::string& othe
     return path;
 }
 
-void Watchpost::LockDirectory() {
-    const std::string directory = Directory("log.dir", std::string(kHome) + "/log");
+void Watchpost::LockDirectory() const {
+    const std::string directory = Directory("log.dir");
     // Open, and so locked, until the process ends.
     const int lock = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (lock < 0 || flock(lock, LOCK_EX | LOCK_NB) != 0) {
@@ -164,44 +146,30 @@ void Watchpost::LockDirectory() {
     }
 }
 
-void Watchpost::OpenLog() {
-    const std::string directory = Directory("log.dir", std::string(kHome) + "/log");
+void Watchpost::OpenLog() const {
     try {
-        SDK::LoggerUtils::GetInstance()->Open(directory,
-                                              config().getString("log.level", "information"));
-    } catch (const Poco::InvalidArgumentException& e) {
-        throw StartError{EXIT_USAGE, "log.level: " + e.displayText()};
+        SDK::LoggerUtils::GetInstance()->Open(settings_.Get("log.dir"), settings_.Get("log.level"));
     } catch (const Poco::Exception& e) {
         throw StartError{EXIT_CANTCREAT, "log file: " + e.displayText()};
     }
 }
 
-void Watchpost::LimitCpu() {
-    const std::string key = "cpu.limit.percent";
-    try {
-        const int percent = config().getInt(key, 0);
-        if (percent >= 0 && percent <= 100) {
-            SDK::InnerCpuCtrlUtils::SetLimit(percent);
-            return;
-        }
-    } catch (const Poco::SyntaxException&) {
-    }
-    throw StartError{EXIT_CONFIG,
-                     key + " must be a number from 0 to 100, not " + config().getString(key)};
-}
-
 int Watchpost::Serve() {
-    const std::string home = kHome;
-    LoadConfiguration(home + "/conf/watchpost.properties");
-    const std::string module_dir = Directory("module.dir", home + "/module");
-    const std::string policy_dir = Directory("policy.dir", home + "/policy");
+    settings_.ReadFile(std::string(kHome) + "/conf/watchpost.properties");
+    if (settings_.IsSet("daemon")) {
+        Daemon::Enter();
+    }
+    const std::string module_dir = Directory("module.dir");
+    const std::string policy_dir = Directory("policy.dir");
     LockDirectory();
     OpenLog();
-    LimitCpu();
+    SDK::InnerCpuCtrlUtils::SetLimit(std::stoi(settings_.Get("cpu.limit.percent")));
+    const PidFile pid_file(settings_.Get("pidfile"));
 
     // The report task comes first and goes last: whatever is sent has a receiver.
-    Poco::AutoPtr<ReportTask> report(new ReportTask(config().getString(
-        "report.file", SDK::LoggerUtils::GetInstance()->GetLogPath() + "/watchpost_report.jsonl")));
+    Poco::AutoPtr<ReportTask> report(new ReportTask(
+        settings_.IsSet("report.file") ? settings_.Get("report.file")
+                                       : settings_.Get("log.dir") + "/watchpost_report.jsonl"));
     if (!report->Open()) {
         throw StartError{EXIT_CANTCREAT,
                          "report file " + report->Path() + ": " + std::strerror(errno)};
@@ -210,10 +178,12 @@ int Watchpost::Serve() {
     StartTask(report);
     const StopAtExit stop{*this};
     LoadModules(module_dir);
-    const PolicyDirectory policies(policy_dir, [this](const auto& name, const auto& content) {
-        DeliverPolicy(kPolicyType, name, content);
-        EnforcePolicies();
-    });
+    const PolicyDirectory policies(
+        policy_dir,
+        [this](const auto& name, const auto& content) {
+            DeliverPolicy(kPolicyType, name, content);
+        },
+        [this] { EnforcePolicies(); });
     Daemon::Started();
     while (Signals::Wait() == Signals::Request::kReopen) {
         report->Reopen();

@@ -5,34 +5,30 @@
 #include <string>
 #include <vector>
 
+#include "agent/Settings.h"
 #include "framework/Engine.h"
 
-// The agent: options, configuration file, and the order in which its pieces start and stop.
+// The agent: the order in which its pieces start and stop.
 class Watchpost : public Framework::Engine {
 public:
     Watchpost();
 
+    // The whole life of the agent, which ends with its exit status. `arguments`: the command line,
+    // the program first. A start that fails is one line on standard error.
+    int Launch(const std::vector<std::string>& arguments);
+
 protected:
     void defineOptions(Poco::Util::OptionSet& options) override;
-    void initialize(Poco::Util::Application& self) override;
+    void handleOption(const std::string& name, const std::string& value) override;
     int main(const std::vector<std::string>& arguments) override;
 
 private:
-    // A mistake of whoever started the agent: one line for standard error and an exit status.
-    struct StartError {
-        int status;
-        std::string text;
-    };
-
-    void OnHelp(const std::string& name, const std::string& value);
-    void OnVersion(const std::string& name, const std::string& value);
-    void LoadConfiguration(const std::string& path);
+    std::string Help() const;
+    std::string Directory(const std::string& key) const;
     // Keeps a second agent away from the log and the reports of this one.
-    void LockDirectory();
-    void OpenLog();
-    void LimitCpu();
-    std::string Directory(const std::string& key, const std::string& otherwise);
+    void LockDirectory() const;
+    void OpenLog() const;
     int Serve();
 
-    std::string answer_;  // what --help or --version prints instead of running
+    Settings settings_;
 };

@@ -1,14 +1,19 @@
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <atomic>
 #include <csignal>
 #include <cstdlib>
+#include <ctime>
 #include <future>
 
 #include "agent/PolicyDirectory.h"
 #include "agent/ReportTask.h"
+#include "agent/Signals.h"
 #include "sdk/JsonUtils.h"
 #include "sdk/test/TempDir.h"
 #include "test/support/TestSupport.h"
@@ -59,17 +64,20 @@ TEST(FormatReport, IsOneLineOfAsciiJsonWhateverCameIn) {
     }
 }
 
-TEST(ReportTask, TriesAgainWhileTheDiskIsFullLeavesNoTornLineAndFollowsARotation) {
+TEST(ReportTask, TriesAgainWhileTheFileCannotBeWrittenLeavesNoTornLineAndFollowsARotation) {
     const TempDir folder;
     ASSERT_EQ(0, mount("small", (folder / "").c_str(), "tmpfs", 0, "size=64k"));
     const auto fill = [&] { WriteText(folder / "filler", std::string(65536, 'x')); };
     const LogCapture log("watchpost");
-    const std::string path = folder / "report";
+    const std::string directory = folder / "directory";
+    fs::create_directory(directory);
+    const std::string path = directory + "/report";
     // Each line is more than is left of its last page of the disk, so that a part of it fits.
     const std::string a(3000, 'a');
     const std::string b(3000, 'b');
     // A crash has left half a line.
     WriteText(path, "half");
+    Signals::Install();
     Poco::AutoPtr<ReportTask> task(new ReportTask(path));
     ASSERT_TRUE(task->Open());
     ASSERT_TRUE(engine.StartTask(task));
@@ -90,17 +98,45 @@ TEST(ReportTask, TriesAgainWhileTheDiskIsFullLeavesNoTornLineAndFollowsARotation
     fs::remove(folder / "filler");
     EXPECT_TRUE(becomes({"?half", a, b, a}));
     fs::rename(path, path + ".1");
-    task->Reopen();
     report(b);
     EXPECT_TRUE(becomes({b}));
+    EXPECT_EQ((Strings{"?half", a, b, a}), Contents(path + ".1"));
+    // Its directory is gone for a while.
+    fs::rename(directory, folder / "away");
+    report(a);
+    EXPECT_TRUE(Await([&] { return log.Holding("trying again: No such file") == 1; }));
+    fs::rename(folder / "away", directory);
+    EXPECT_TRUE(becomes({b, a}));
+    // A limit of the size that files may have.
+    struct rlimit usual = {};
+    getrlimit(RLIMIT_FSIZE, &usual);
+    const struct rlimit tight = {fs::file_size(path), usual.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &tight);
+    report(b);
+    EXPECT_TRUE(Await([&] { return log.Holding("trying again: File too large") == 1; }));
+    setrlimit(RLIMIT_FSIZE, &usual);
+    EXPECT_TRUE(becomes({b, a, b}));
+    // A stop tries what may still fit, and does not spend its time on what cannot.
+    std::string large = R"({"a":[)";
+    for (int i = 0; i < 300000; ++i) {
+        large += "[],";
+    }
+    large += "0]}";
+    std::clock_t start = std::clock();
+    FormatReport(DataMessage("", large), "");
+    const std::clock_t one = std::clock() - start;
     fill();
     report(a);
-    report(b);
-    EXPECT_TRUE(Await([&] { return log.Holding("cannot be written, trying again") == 2; }));
+    EXPECT_TRUE(Await([&] { return log.Holding("cannot be written, trying again") == 4; }));
+    for (int i = 0; i < 6; ++i) {
+        report(large);
+    }
+    report("c");
+    start = std::clock();
     engine.StopTask(ReportTask::kName);
-    EXPECT_EQ(Strings{b}, Contents(path));
-    EXPECT_EQ((Strings{"?half", a, b, a}), Contents(path + ".1"));
-    EXPECT_EQ(1, log.Holding(": 2 reports lost at the stop"));
+    EXPECT_LT(std::clock() - start, 3 * one);
+    EXPECT_EQ((Strings{b, a, b, "c"}), Contents(path));
+    EXPECT_EQ(1, log.Holding(": 7 reports lost at the stop"));
     EXPECT_EQ(0, umount2((folder / "").c_str(), MNT_DETACH));
 }
 
@@ -113,9 +149,12 @@ TEST(PolicyDirectory, DeliversInNameOrderWhatIsReadableWholeAndChanged) {
     }
     fs::resize_file(folder / "large.json", 1048577);
     ASSERT_EQ(0, mkfifo((folder / "fifo.json").c_str(), 0600));
-    const PolicyDirectory watcher(folder / ".", [](const auto& name, const auto& content) {
-        Poco::Logger::get("delivered").information(name + " " + content);
-    });
+    const PolicyDirectory watcher(
+        folder / ".",
+        [](const auto& name, const auto& content) {
+            Poco::Logger::get("delivered").information(name + " " + content);
+        },
+        [] {});
     Strings expected{"6 a.json first"};
     const auto delivers = [&](const std::string& line) {
         expected.push_back("6 " + line);
@@ -146,10 +185,51 @@ TEST(PolicyDirectory, DeliversInNameOrderWhatIsReadableWholeAndChanged) {
     EXPECT_EQ(1, log.Holding("/fifo.json cannot be read: "));
 }
 
-// Runs the agent, a minute at most, its output in the file "out". Its exit status.
-int RunAgent(const std::string& options) {
+TEST(PolicyDirectory, SettlesAfterEachScanKeepsNoTextAndTellsOfALostDirectoryOnce) {
+    const TempDir folder;
+    const LogCapture log("watchpost");
+    const std::string path = folder / "policy";
+    const std::string away = folder / "away";
+    const int files = 20;
+    fs::create_directory(path);
+    for (int i = 0; i < files; ++i) {
+        const std::string file = path + "/" + std::to_string(i) + ".json";
+        WriteText(file, std::string(1 << 20, ' '));
+        fs::last_write_time(file, fs::file_time_type::clock::now() - std::chrono::hours(1));
+    }
+    const auto memory = [] { return mallinfo2().uordblks + mallinfo2().hblkhd; };
+    const std::size_t before = memory();
+    std::atomic<int> delivered{0};
+    std::atomic<int> settled{0};
+    const PolicyDirectory watcher(
+        path, [&](const auto&, const auto&) { ++delivered; },
+        [&] {
+            EXPECT_EQ(files, delivered);
+            ++settled;
+        });
+    EXPECT_TRUE(Await([&] { return settled > 0; }));
+    EXPECT_LT(memory(), before + (2U << 20));
+    // The watcher follows the directory, so that a file in it is the event for a scan.
+    const auto scan = [&](const std::string& file) {
+        const int already = settled;
+        WriteText(file, "");
+        EXPECT_TRUE(Await([&] { return settled > already; }));
+    };
+    fs::rename(path, away);
+    scan(away + "/one.txt");
+    scan(away + "/two.txt");
+    EXPECT_EQ(1, log.Holding(path + " cannot be read: "));
+    fs::rename(away, path);
+    scan(path + "/three.txt");
+    scan(path + "/four.txt");
+    EXPECT_EQ(1, log.Holding("6 policy directory " + path + " is read again"));
+}
+
+// Runs the agent, a minute at most and after `first`, its output in the file "out". Its exit
+// status.
+int RunAgent(const std::string& options, const std::string& first = "") {
     const std::string program =
-        "timeout -s KILL 60 " WATCHPOST_PROGRAM " --policy-dir=/tmp/policy ";
+        first + "timeout -s KILL 60 " WATCHPOST_PROGRAM " --policy-dir=/tmp/policy ";
     const int status = std::system((program + options + " >/tmp/out 2>&1").c_str());
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
@@ -162,51 +242,90 @@ TEST(Program, ABadStartIsOneLineAndAStatusAndAGoodOneStopsInOrder) {
     }
     fs::create_directory("/tmp/policy");
     fs::copy_file(SOUND_MODULE, home + "module/sound.so");
-    WriteText("/tmp/101", "cpu.limit.percent=101\n");
     // Options go before the file.
     WriteText(home + "conf/watchpost.properties", "policy.dir=/none\nreport.file=" + report);
     const struct {
         std::string options;
         int status;
         std::string piece;
+        std::string configuration = {};
     } cases[] = {
-        {"--bogus", 78, "bogus"},
+        {"--bogus", 64, "bogus"},
+        {"--umask=000", 64, "umask"},
+        {"--log=/tmp", 64, "Ambiguous"},
+        {"--report", 64, "requires FILE"},
         {"stray", 64, "stray"},
+        {"--log-level='loud\ner'", 64, "--log-level must be error, warning, notice"},
         {"--config=/none", 78, "/none"},
-        {"--config=/tmp", 78, "not a regular file"},
-        {"--config=/tmp/101", 78, "not 101"},
+        {"--config=/tmp", 78, "Is a directory"},
+        {"", 78, "line 2: cpu.limit.percent must be a number", "\ncpu.limit.percent=101"},
+        {"", 78, "line 1: log.level must be error, warning", "log.level = loud"},
+        {"", 78, "line 2: unknown key log.lvel", "# log.lvl\nlog.lvel = debug"},
+        {"", 78, "line 1: unknown key pidfile", "pidfile = /tmp/pid"},
+        {"", 78, "line 2: not KEY = VALUE: log.dir", "! =\n log.dir"},
+        {"", 78, "line 2: log.dir is set a second time", "log.dir=/tmp\nlog.dir=/tmp"},
         {"--module-dir=/dev/null", 72, "Not a directory"},
         {"--log-dir=/none", 72, "/none"},
         {"--report=/dev/null", 73, "Invalid argument"},
-        {"--daemon --log-level=loud", 64, "loud"},
+        {"--pidfile=/none/pid", 73, "/none/pid"},
+        {"--daemon --report=/none/report", 73, "/none"},
     };
     for (const auto& each : cases) {
-        EXPECT_EQ(each.status, RunAgent(each.options)) << each.options;
+        WriteText("/tmp/conf", each.configuration);
+        const std::string options =
+            each.configuration.empty() ? each.options : "--config=/tmp/conf";
+        EXPECT_EQ(each.status, RunAgent(options)) << options;
         const std::string out = ReadText("/tmp/out");
+        EXPECT_EQ(0U, out.find("watchpost: ")) << out;
         EXPECT_EQ(out.size() - 1, out.find('\n')) << out;
         EXPECT_NE(std::string::npos, out.find(each.piece)) << out;
+        EXPECT_EQ(each.status == 64, out.find("--help") != std::string::npos) << out;
     }
+    EXPECT_EQ(71, RunAgent("", "ulimit -s 100000000000 && ")) << "no room for a thread's stack";
+    RunAgent("--help | grep -o '^--[a-z-]*' | sort | tr '\\n' ' '");
+    EXPECT_EQ(
+        "--config --daemon --help --log-dir --log-level --module-dir --pidfile --policy-dir "
+        "--report --version ",
+        ReadText("/tmp/out"));
 
     WriteText("/tmp/policy/p.json", "0");
     auto status = std::async(std::launch::async, [] { return RunAgent("--pidfile=/tmp/pid"); });
     EXPECT_TRUE(Await([&] { return Contents(report) == Strings{"start", "0"}; }));
     const int process = std::atoi(ReadText("/tmp/pid").c_str());
     ASSERT_LT(1, process);
-    EXPECT_EQ(75, RunAgent("")) << "a second one";
+    EXPECT_EQ(75, RunAgent("--pidfile=/tmp/pid")) << "a second one";
+    EXPECT_EQ(process, std::atoi(ReadText("/tmp/pid").c_str()));
     fs::rename(report, report + ".1");
     kill(process, SIGHUP);
-    // The signal takes its time: reports may go to the old file for a while, but never to none.
-    const auto reports = [&] { return Contents(report + ".1").size() + Contents(report).size(); };
-    std::size_t tasks = 2;
-    for (; tasks < 20 && !fs::exists(report); ++tasks) {
-        WriteText("/tmp/policy/p.json", std::to_string(tasks));
-        ASSERT_TRUE(Await([&] { return reports() == tasks + 1; }));
-    }
+    WriteText("/tmp/policy/p.json", "1");
+    EXPECT_TRUE(Await([&] { return fs::exists(report); }));
+    WriteText("/tmp/pid", "1\n");
     kill(process, SIGTERM);
     EXPECT_EQ(0, status.get());
+    EXPECT_EQ("1\n", ReadText("/tmp/pid")) << "another's by now";
     // What the tasks send while they end is in the file as well.
-    EXPECT_EQ(2 * tasks, reports());
+    EXPECT_EQ(6U, Contents(report + ".1").size() + Contents(report).size());
     EXPECT_EQ("end", Contents(report).back());
+}
+
+TEST(Program, ADaemonTakesPathsFromTheDirectoryOfItsStart) {
+    for (const char* directory : {"/tmp/here", "/tmp/here/policy", "/tmp/here/module"}) {
+        fs::create_directory(directory);
+    }
+    fs::copy_file(SOUND_MODULE, "/tmp/here/module/sound.so");
+    WriteText("/tmp/here/conf",
+              "module.dir=module\npolicy.dir=policy\nlog.dir=.\nreport.file=report");
+    fs::current_path("/tmp/here");
+    EXPECT_EQ(0, std::system(WATCHPOST_PROGRAM " --daemon --config=conf --pidfile=pid"));
+    fs::current_path("/");
+    const int process = std::atoi(ReadText("/tmp/here/pid").c_str());
+    ASSERT_LT(1, process);
+    // What the agent opens from here on, it opens in the background.
+    fs::remove("/tmp/here/report");
+    WriteText("/tmp/here/policy/p.json", "0");
+    EXPECT_TRUE(Await([] { return fs::exists("/tmp/here/report"); }));
+    kill(process, SIGTERM);
+    EXPECT_TRUE(Await([&] { return !fs::exists("/tmp/here/pid"); }));
 }
 
 }  // namespace

@@ -1,0 +1,160 @@
+#include "agent/Settings.h"
+
+#include <Poco/Logger.h>
+#include <Poco/String.h>
+#include <Poco/Util/Option.h>
+#include <sysexits.h>
+
+#include <cstring>
+#include <filesystem>
+#include <iterator>
+#include <set>
+#include <sstream>
+
+#include "agent/StartError.h"
+#include "sdk/FileUtils.h"
+
+namespace {
+
+constexpr std::size_t kMaxFileSize = 1 << 20;
+
+// What a value may be.
+struct Kind {
+    const char* allowed;  // in words
+    bool (*accepts)(const std::string& value);
+};
+
+const Kind kPath{"a path", [](const std::string& value) {
+                     return !value.empty() && value.find('\0') == std::string::npos;
+                 }};
+const Kind kLevel{"error, warning, notice, information, debug or trace",
+                  [](const std::string& value) {
+                      static const std::set<std::string> kLevels{"error",       "warning", "notice",
+                                                                 "information", "debug",   "trace"};
+                      return kLevels.count(value) != 0;
+                  }};
+const Kind kPercent{"a number from 0 to 100", [](const std::string& value) {
+                        return !value.empty() && value.size() <= 3 &&
+                               value.find_first_not_of("0123456789") == std::string::npos &&
+                               std::stoi(value) <= 100;
+                    }};
+
+// Null stands for what a setting does not have: an option, an argument and with it a kind, a key of
+// the configuration file, a default.
+struct Setting {
+    const char* option;
+    const char* argument;
+    const Kind* kind;
+    const char* key;
+    const char* otherwise;
+    const char* description;
+
+    std::string Name() const { return key != nullptr ? key : option; }
+};
+
+const Setting kSettings[] = {
+    {"config", "FILE", &kPath, nullptr, nullptr, "configuration file, lines of KEY = VALUE"},
+    {"module-dir", "DIR", &kPath, "module.dir", "/usr/local/watchpost/module",
+     "directory of the modules, *.so"},
+    {"policy-dir", "DIR", &kPath, "policy.dir", "/usr/local/watchpost/policy",
+     "directory of the policy files, *.json"},
+    {"log-dir", "DIR", &kPath, "log.dir", "/usr/local/watchpost/log",
+     "directory of the log and of local records"},
+    {"report", "FILE", &kPath, "report.file", nullptr,
+     "report file, default LOGDIR/watchpost_report.jsonl"},
+    {"log-level", "LEVEL", &kLevel, "log.level", "information", kLevel.allowed},
+    {nullptr, nullptr, &kPercent, "cpu.limit.percent", "0", nullptr},
+    {"pidfile", "FILE", &kPath, nullptr, nullptr, "file that names the process while it runs"},
+    {"daemon", nullptr, nullptr, nullptr, nullptr, "run in the background"},
+    {"version", nullptr, nullptr, nullptr, nullptr, "print the version"},
+    {"help", nullptr, nullptr, nullptr, nullptr, "print this help"},
+};
+
+// The setting whose `member`, option or key, is `name`; null when there is none.
+const Setting* Find(const char* Setting::*member, const std::string& name) {
+    for (const Setting& setting : kSettings) {
+        if (setting.*member != nullptr && name == setting.*member) {
+            return &setting;
+        }
+    }
+    return nullptr;
+}
+
+std::string Checked(const Setting& setting, const std::string& value, int status,
+                    const std::string& name) {
+    if (setting.kind == nullptr) {
+        return value;
+    }
+    if (!setting.kind->accepts(value)) {
+        throw StartError{status,
+                         name + " must be " + setting.kind->allowed + ", not \"" + value + "\""};
+    }
+    return setting.kind == &kPath ? std::filesystem::absolute(value).string() : value;
+}
+
+}  // namespace
+
+void Settings::DefineOptions(Poco::Util::OptionSet& options) {
+    for (const Setting& setting : kSettings) {
+        if (setting.option == nullptr) {
+            continue;
+        }
+        Poco::Util::Option option(setting.option, "", setting.description);
+        if (setting.argument != nullptr) {
+            option.argument(setting.argument);
+        }
+        options.addOption(option);
+    }
+}
+
+void Settings::SetOption(const std::string& option, const std::string& value) {
+    const Setting* setting = Find(&Setting::option, option);
+    values_[setting->Name()] = Checked(*setting, value, EX_USAGE, "--" + option);
+}
+
+void Settings::ReadFile(const std::string& otherwise) {
+    const bool named = IsSet("config");
+    const std::string path = named ? Get("config") : otherwise;
+    std::string text;
+    const int error = SDK::FileUtils::ReadFile(path, text, kMaxFileSize);
+    if (error == ENOENT && !named) {
+        return;
+    }
+    const std::string what = "configuration file " + path;
+    if (error != 0) {
+        throw StartError{EX_CONFIG, what + ": " + std::strerror(error)};
+    }
+    std::map<std::string, std::string> values;
+    std::istringstream lines(text);
+    std::string line;
+    for (int number = 1; std::getline(lines, line); ++number) {
+        Poco::trimInPlace(line);
+        if (line.empty() || line[0] == '#' || line[0] == '!') {
+            continue;
+        }
+        const std::string place = what + ", line " + std::to_string(number) + ": ";
+        const std::size_t sign = line.find('=');
+        if (sign == std::string::npos) {
+            throw StartError{EX_CONFIG, place + "not KEY = VALUE: " + line};
+        }
+        const std::string key = Poco::trim(line.substr(0, sign));
+        const Setting* setting = Find(&Setting::key, key);
+        if (setting == nullptr) {
+            throw StartError{EX_CONFIG, place + "unknown key " + key};
+        }
+        const std::string value = Poco::trim(line.substr(sign + 1));
+        if (!values.emplace(key, Checked(*setting, value, EX_CONFIG, place + key)).second) {
+            throw StartError{EX_CONFIG, place + key + " is set a second time"};
+        }
+    }
+    values_.merge(values);  // keeps what is there
+}
+
+std::string Settings::Get(const std::string& name) const {
+    const auto found = values_.find(name);
+    if (found != values_.end()) {
+        return found->second;
+    }
+    const Setting* setting = Find(&Setting::key, name);
+    return setting != nullptr && setting->otherwise != nullptr ? setting->otherwise : "";
+}

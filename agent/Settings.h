@@ -1,0 +1,31 @@
+#pragma once
+
+#include <Poco/Util/OptionSet.h>
+
+#include <map>
+#include <string>
+
+// What the agent can be told, on the command line and in its configuration file. A value is
+// checked when it is taken, and a path is made absolute then: a daemon's working directory changes
+// later. Main thread only.
+class Settings {
+public:
+    // Every option of the command line; whoever processes them calls SetOption with each.
+    static void DefineOptions(Poco::Util::OptionSet& options);
+
+    // Takes an option by its full name. Throws StartError, EX_USAGE, for a bad value.
+    void SetOption(const std::string& option, const std::string& value);
+
+    // Takes the configuration file: that of --config, otherwise `otherwise` if there is one. Each
+    // line is KEY = VALUE, a comment (# or !) or blank; what an option has set stays. Throws
+    // StartError, EX_CONFIG, for a file that cannot be read, and for any other line, an unknown or
+    // repeated key and a bad value, with the line's number.
+    void ReadFile(const std::string& otherwise);
+
+    // By key, for an option without one by its name. The default when it was not set.
+    bool IsSet(const std::string& name) const { return values_.count(name) != 0; }
+    std::string Get(const std::string& name) const;
+
+private:
+    std::map<std::string, std::string> values_;  // those set
+};

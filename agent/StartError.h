@@ -1,0 +1,9 @@
+#pragma once
+
+#include <string>
+
+// Why the agent does not start: an exit status as in sysexits.h, and what standard error says.
+struct StartError {
+    int status;
+    std::string text;
+};
