@@ -10,38 +10,37 @@ namespace Signals {
 
 namespace {
 
-volatile std::sig_atomic_t stop_requested = 0;
-sem_t arrived;
+sem_t stop;
 
-void OnSignal(int number) {
+void OnStop(int /*number*/) {
     const int saved_errno = errno;
-    if (number == SIGPIPE || number == SIGXFSZ) {
-        return;  // the write's own error tells
-    }
-    if (number != SIGHUP) {
-        stop_requested = 1;
-    }
-    sem_post(&arrived);
+    sem_post(&stop);
     errno = saved_errno;
 }
+
+// Not SIG_IGN, which commands would inherit.
+void Ignore(int /*number*/) {}
 
 }  // namespace
 
 void Install() {
-    sem_init(&arrived, 0, 0);
+    sem_init(&stop, 0, 0);
     struct sigaction action = {};
-    action.sa_handler = OnSignal;
     action.sa_flags = SA_RESTART;
     sigemptyset(&action.sa_mask);
-    for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGPIPE, SIGXFSZ}) {
+    action.sa_handler = OnStop;
+    for (const int number : {SIGTERM, SIGINT}) {
+        sigaction(number, &action, nullptr);
+    }
+    action.sa_handler = Ignore;
+    for (const int number : {SIGHUP, SIGPIPE, SIGXFSZ}) {
         sigaction(number, &action, nullptr);
     }
 }
 
-Request Wait() {
-    while (sem_wait(&arrived) != 0) {
+void AwaitStop() {
+    while (sem_wait(&stop) != 0) {
     }
-    return stop_requested != 0 ? Request::kStop : Request::kReopen;
 }
 
 }  // namespace Signals

@@ -4,14 +4,12 @@
 // would inherit the mask, and a daemon restarted with SIGTERM blocked could not be stopped.
 namespace Signals {
 
-enum class Request { kStop, kReopen };
-
-// From here on SIGTERM and SIGINT ask for a stop, SIGHUP for reopened files; a write to a closed
-// pipe or past the limit of a file's size is an error of that write alone. Call before the first
-// thread is made.
+// From here on SIGTERM and SIGINT ask for a stop. SIGHUP asks for nothing: files that were moved
+// are followed anyway. A write to a closed pipe or past the limit of a file's size is an error of
+// that write alone. Call before the first thread is made.
 void Install();
 
-// Waits for the next request; main thread only. A stop overtakes reopenings.
-Request Wait();
+// Waits until a stop is asked for; main thread only.
+void AwaitStop();
 
 }  // namespace Signals

@@ -170,9 +170,9 @@ int Watchpost::Serve() {
     Poco::AutoPtr<ReportTask> report(new ReportTask(
         settings_.IsSet("report.file") ? settings_.Get("report.file")
                                        : settings_.Get("log.dir") + "/watchpost_report.jsonl"));
-    if (!report->Open()) {
+    if (const int error = report->Open(); error != 0) {
         throw StartError{EXIT_CANTCREAT,
-                         "report file " + report->Path() + ": " + std::strerror(errno)};
+                         "report file " + report->Path() + ": " + std::strerror(error)};
     }
     Framework::Log().information("watchpost " WATCHPOST_VERSION " starts");
     StartTask(report);
@@ -185,9 +185,7 @@ int Watchpost::Serve() {
         },
         [this] { EnforcePolicies(); });
     Daemon::Started();
-    while (Signals::Wait() == Signals::Request::kReopen) {
-        report->Reopen();
-    }
+    Signals::AwaitStop();
     Framework::Log().information("watchpost stops");
     RefuseTasks();
     return EXIT_OK;

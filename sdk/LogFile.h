@@ -7,7 +7,7 @@
 #include <mutex>
 #include <string>
 
-#include "sdk/Descriptor.h"
+#include "sdk/LineFile.h"
 
 namespace SDK {
 
@@ -25,7 +25,7 @@ public:
     LogFile(std::string path, Poco::AutoPtr<Poco::Formatter> formatter);
 
     // Opens the file, a regular one, or creates it (0640 less the umask). 0 or an errno value.
-    int OpenFile();
+    int OpenFile() { return file_.Open(); }
 
     void log(const Poco::Message& message) override;
 
@@ -37,11 +37,9 @@ private:
     int Rotate(const std::string& text);
     std::string Notice();
 
-    const std::string path_;
     Poco::AutoPtr<Poco::Formatter> formatter_;
     std::mutex mutex_;  // guards the rest
-    Descriptor file_;
-    bool torn_ = false;  // the file ends in a piece of a line
+    LineFile file_;
     unsigned long missed_ = 0;
     int why_missed_ = 0;
 };

@@ -79,7 +79,7 @@ TEST(ReportTask, TriesAgainWhileTheFileCannotBeWrittenLeavesNoTornLineAndFollows
     WriteText(path, "half");
     Signals::Install();
     Poco::AutoPtr<ReportTask> task(new ReportTask(path));
-    ASSERT_TRUE(task->Open());
+    ASSERT_EQ(0, task->Open());
     ASSERT_TRUE(engine.StartTask(task));
     const auto report = [&](const std::string& text) {
         std::shared_ptr<Framework::Message> message = std::make_shared<DataMessage>("", text);
