@@ -149,7 +149,7 @@ TEST(PolicyDirectory, DeliversInNameOrderWhatIsReadableWholeAndChanged) {
 // Runs the agent, a minute at most, its output in the file "out". Its exit status.
 int RunAgent(const std::string& options) {
     const std::string program =
-        "timeout -s KILL 60 " WATCHPOST_PROGRAM " --policy-dir=/tmp/policy ";
+        "timeout -s KILL 60 '" WATCHPOST_PROGRAM "' --policy-dir=/tmp/policy ";
     const int status = std::system((program + options + " >/tmp/out 2>&1").c_str());
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
