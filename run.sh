@@ -54,6 +54,7 @@ else
     (($# == 0)) || misused "options for watchpost go with --host"
 fi
 cd "$(dirname "${BASH_SOURCE[0]}")"
+. script/common.sh
 
 as_root=()
 if $host && ((EUID != 0)); then
@@ -62,6 +63,7 @@ if $host && ((EUID != 0)); then
 fi
 
 if ! $host; then
+    test/sandbox --check
     script/bootstrap
     script/build release
     exec test/sandbox demo/run "${daemon:-rsyslog}"

@@ -4,16 +4,15 @@
 # usage: ./test.sh [PRESET...]      (default: release; CMakePresets.json has debug, asan and tsan too)
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
+. script/common.sh
 (($#)) || set -- release
 
+test/sandbox --check
 script/bootstrap
 failed=()
 for preset in "$@"; do
     script/build "$preset"
-    echo "test: running the tests of $preset"
+    say "running the tests of $preset"
     ctest --preset "$preset" || failed+=("$preset")
 done
-if ((${#failed[@]})); then
-    echo "test: failed: ${failed[*]}" >&2
-    exit 1
-fi
+((${#failed[@]} == 0)) || fail "failed: ${failed[*]}"

@@ -6,5 +6,5 @@ function(watchpost_test name)
   target_link_libraries(${name} PRIVATE ${ARG_LIBS} GTest::gtest GTest::gtest_main)
   add_test(NAME ${name} COMMAND ${CMAKE_SOURCE_DIR}/test/sandbox $<TARGET_FILE:${name}>)
   set_tests_properties(${name} PROPERTIES TIMEOUT 240
-    ENVIRONMENT LSAN_OPTIONS=suppressions=${CMAKE_SOURCE_DIR}/cmake/lsan.supp:print_suppressions=0)
+    ENVIRONMENT "LSAN_OPTIONS=suppressions='${CMAKE_SOURCE_DIR}/cmake/lsan.supp':print_suppressions=0")
 endfunction()

@@ -229,7 +229,7 @@ TEST(PolicyDirectory, SettlesAfterEachScanKeepsNoTextAndTellsOfALostDirectoryOnc
 // status.
 int RunAgent(const std::string& options, const std::string& first = "") {
     const std::string program =
-        first + "timeout -s KILL 60 " WATCHPOST_PROGRAM " --policy-dir=/tmp/policy ";
+        first + "timeout -s KILL 60 '" WATCHPOST_PROGRAM "' --policy-dir=/tmp/policy ";
     const int status = std::system((program + options + " >/tmp/out 2>&1").c_str());
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
@@ -316,7 +316,7 @@ TEST(Program, ADaemonTakesPathsFromTheDirectoryOfItsStart) {
     WriteText("/tmp/here/conf",
               "module.dir=module\npolicy.dir=policy\nlog.dir=.\nreport.file=report");
     fs::current_path("/tmp/here");
-    EXPECT_EQ(0, std::system(WATCHPOST_PROGRAM " --daemon --config=conf --pidfile=pid"));
+    EXPECT_EQ(0, std::system("'" WATCHPOST_PROGRAM "' --daemon --config=conf --pidfile=pid"));
     fs::current_path("/");
     const int process = std::atoi(ReadText("/tmp/here/pid").c_str());
     ASSERT_LT(1, process);
