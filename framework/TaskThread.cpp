@@ -1,5 +1,6 @@
 #include "framework/TaskThread.h"
 
+#include <exception>
 #include <utility>
 
 namespace Framework {
@@ -10,8 +11,12 @@ TaskThread::TaskThread(Poco::AutoPtr<Task> task) : task_(std::move(task)) {
 }
 
 TaskThread::~TaskThread() {
-    decided_.set();
-    Join();
+    try {
+        decided_.set();
+        Join();
+    } catch (const std::exception&) {
+        // Poco's words for a thread that is not there: nothing to wait for.
+    }
 }
 
 void TaskThread::Begin() {

@@ -16,6 +16,18 @@ struct FileStamp {
           modified(Nanoseconds(status.st_mtim)),
           changed(Nanoseconds(status.st_ctim)) {}
 
+    // The state of what `path` names; none when there is nothing, or, with links not followed, a
+    // link.
+    static FileStamp Of(const char* path) {
+        struct stat status = {};
+        return stat(path, &status) == 0 ? FileStamp(status) : FileStamp();
+    }
+    static FileStamp OfNoLink(const char* path) {
+        struct stat status = {};
+        return lstat(path, &status) == 0 && !S_ISLNK(status.st_mode) ? FileStamp(status)
+                                                                     : FileStamp();
+    }
+
     bool operator==(const FileStamp& other) const {
         return device == other.device && inode == other.inode && size == other.size &&
                modified == other.modified && changed == other.changed;

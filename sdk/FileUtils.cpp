@@ -354,12 +354,12 @@ struct FreeDigest {
 
 }  // namespace
 
-int Reader::Open(const std::string& path, Links links) {
+int FileReader::Open(const std::string& path, Links links) {
     struct stat status {};
     return OpenRegular(path, O_RDONLY, file_, status, links);
 }
 
-int Reader::GetStamp(FileStamp& stamp) const {
+int FileReader::GetStamp(FileStamp& stamp) const {
     struct stat status {};
     if (fstat(file_.Get(), &status) != 0) {
         return errno;
@@ -368,7 +368,7 @@ int Reader::GetStamp(FileStamp& stamp) const {
     return 0;
 }
 
-int Reader::Read(std::string& content, size_t limit) const {
+int FileReader::Read(std::string& content, size_t limit) const {
     struct stat status {};
     if (const int error = CheckSize(file_.Get(), limit, status); error != 0) {
         return error;
@@ -385,7 +385,7 @@ int Reader::Read(std::string& content, size_t limit) const {
     return error;
 }
 
-int Reader::GetSha256(std::string& hash, size_t limit) const {
+int FileReader::GetSha256(std::string& hash, size_t limit) const {
     struct stat status {};
     if (const int error = CheckSize(file_.Get(), limit, status); error != 0) {
         return error;
@@ -416,7 +416,7 @@ int Reader::GetSha256(std::string& hash, size_t limit) const {
 }
 
 int ReadFile(const std::string& path, std::string& content, size_t limit, Links links) {
-    Reader file;
+    FileReader file;
     const int error = file.Open(path, links);
     return error == 0 ? file.Read(content, limit) : error;
 }
@@ -426,7 +426,7 @@ int WriteFile(const std::string& path, const std::string& content, bool append) 
 }
 
 int SafeCopyFile(const std::string& source, const std::string& destination, size_t limit) {
-    Reader file;
+    FileReader file;
     std::string content;
     int error = file.Open(source);
     if (error == 0) {
@@ -436,7 +436,7 @@ int SafeCopyFile(const std::string& source, const std::string& destination, size
 }
 
 int GetFileSha256(const std::string& path, std::string& hash, size_t limit) {
-    Reader file;
+    FileReader file;
     const int error = file.Open(path);
     return error == 0 ? file.GetSha256(hash, limit) : error;
 }

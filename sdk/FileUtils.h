@@ -30,7 +30,7 @@ enum class Links {
 
 // One regular file open for reading, the same one whatever becomes of its path. One thread at a
 // time.
-class Reader {
+class FileReader {
 public:
     // Opens the file and nothing but it, whatever the path's owner puts in its place meanwhile.
     int Open(const std::string& path, Links links = Links::kAll);
@@ -78,8 +78,8 @@ int SafeCopyFile(const std::string& source, const std::string& destination, size
 // not depend on the size of the file. EIO also when the digest is not available.
 int GetFileSha256(const std::string& path, std::string& hash, size_t limit);
 
-// Opens the file for reading as Reader does, as a stream that the caller closes; null, with errno
-// set, on failure.
+// Opens the file for reading as FileReader does, as a stream that the caller closes; null, with
+// errno set, on failure.
 std::FILE* OpenStream(const std::string& path);
 
 // The size in bytes as the file system tells it (0 for files of /proc); `size` is unchanged on

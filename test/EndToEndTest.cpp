@@ -198,7 +198,9 @@ TEST(EndToEnd, AStopWaitsForNoCommandAndNoName) {
     std::filesystem::create_directories("/run/bin");
     WriteText("/run/bin/service", "#!/bin/sh\nexec sleep 1000\n");
     std::filesystem::permissions("/run/bin/service", std::filesystem::perms::owner_all);
-    const std::string path = std::getenv("PATH");
+    const char* const usual = std::getenv("PATH");
+    ASSERT_NE(nullptr, usual);
+    const std::string path = usual;
     setenv("PATH", ("/run/bin:" + path).c_str(), 1);
     const struct {
         const char *content, *logged;

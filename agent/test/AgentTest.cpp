@@ -281,7 +281,9 @@ TEST(Program, ABadStartIsOneLineAndAStatusAndAGoodOneStopsInOrder) {
         EXPECT_NE(std::string::npos, out.find(each.piece)) << out;
         EXPECT_EQ(each.status == 64, out.find("--help") != std::string::npos) << out;
     }
+#ifndef __SANITIZE_THREAD__  // which starts again with a limit of its own
     EXPECT_EQ(71, RunAgent("", "ulimit -s 100000000000 && ")) << "no room for a thread's stack";
+#endif
     RunAgent("--help | grep -o '^--[a-z-]*' | sort | tr '\\n' ' '");
     EXPECT_EQ(
         "--config --daemon --help --log-dir --log-level --module-dir --pidfile --policy-dir "

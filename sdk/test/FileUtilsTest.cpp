@@ -158,7 +158,7 @@ TEST(FileUtils, TrustedLinksAreThoseOfRootAndOfTheFilesOwner) {
     }
     for (const auto& c : cases) {
         std::string content;
-        Reader file;
+        FileReader file;
         EXPECT_EQ(ReadFile(dir / c.name, content, 100000, Links::kTrusted), c.error) << c.name;
         EXPECT_EQ(ReadFile(dir / ("home/home/" + c.name), content, 100000, Links::kTrusted),
                   c.error);

@@ -14,17 +14,20 @@
 #include "framework/Task.h"
 #include "module/module_rsyslog/src/RsyslogPolicy.h"
 #include "sdk/FileStamp.h"
+#include "sdk/ReadMark.h"
 
 namespace Engine {
 
 // One local user whose shell history is watched.
 struct user_info {
-    bool tail_ready = false;       // a baseline of the history file has been taken
-    std::string history_hash;      // SHA-256 of the file as last seen
-    std::string name;              // login name
-    std::string home;              // home directory as the password file has it
-    std::string history_path;      // the history file
-    char history_tail[1025] = {};  // its last bytes, at most 1024, as last seen; zero-terminated
+    bool tail_ready = false;        // a baseline of the history file has been taken
+    std::string history_hash;       // SHA-256 of the file as last seen
+    std::string name;               // login name
+    std::string home;               // home directory as the password file has it
+    std::string history_path;       // the history file
+    char history_tail[1025] = {};   // its last bytes, at most 1024, as last seen; zero-terminated
+    SDK::ReadMark read_mark;        // of the last look at the file that found nothing new,
+    bool marked_unchanged = false;  // which was as last seen, or else out of bounds
     std::vector<std::string> unparsed;  // lines read in a cycle that could not deal with all
     bool first_recorded = false;        // the first of them is in the record log
 };
@@ -164,7 +167,7 @@ protected:
 
     // Appends to user_list each entry of /etc/passwd not yet in it, by name and home, that can log
     // in: its shell does not begin with /bin/false or /sbin/nologin. An entry of more than 4 KiB
-    // ends the pass. Nothing is ever removed.
+    // ends the pass. Nothing is ever removed. A file that has not changed is not read again.
     void SyslogGetUserList();
 
     // Raises an alarm that quotes the lines of the start-up file `path` that touch the shell
@@ -239,11 +242,12 @@ protected:
     int UtmpSetutent(const char* path);
     void UtmpEndutent();
 
-    // Reads the logins, logouts and boots of /var/log/wtmp that are not in utmp_list yet, and
-    // appends them to it and, from empty, to `new_records`; of /var/log/wtmpx where there is one,
-    // as the C library has it. What is no regular file holds none. A torn record at the end is left
+    // Reads the logins, logouts and boots of /var/log/wtmp (of /var/log/wtmpx where there is one,
+    // as the C library has it) that are not in utmp_list yet, and appends them to it and, from
+    // empty, to `new_records`. What is no regular file holds none. A torn record at the end is left
     // for later, and so is all behind the point where another process keeps the file locked for 10
-    // s, or where the task is asked to stop.
+    // s, or where the task is asked to stop. A file that has not changed since it was read to its
+    // end is not read again.
     void ReadLastAllinfo(std::vector<utmp_info>& new_records);
 
     // Closes the open logins of utmp_list that the logouts and boots of `new_records` end.
@@ -278,6 +282,8 @@ private:
     // suppress another.
     void ForgetOldAlarms(const std::string& latest, std::int64_t now);
 
+    // What is new in /etc/passwd, into user_list.
+    void AddUsers();
     // Runs `step`, which works on the file at `path`, unless it threw before on this state of the
     // file.
     template <typename Step>
@@ -301,6 +307,7 @@ private:
     // stays.
     std::string ReportQueued(std::size_t count, const std::string& host_name);
 
+    static void EndLogin(utmp_info& login, const utmp_info& end);
     // Between two elements of utmp_list on the way to the logins that end: false at a stop.
     bool NextElement() const;
     // The places of the open logins in utmp_list; cut short when the task is asked to stop.
@@ -315,6 +322,8 @@ private:
 
     std::size_t forget_alarms_at = 0;  // the length of alarm_time_map from which on to do so
     std::map<std::string, SDK::FileStamp> failed_files;  // by path, as they were
+    SDK::ReadMark passwd_read;
+    SDK::ReadMark logins_read;     // of the last pass that reached the file's end
     std::size_t parsed_lines = 0;  // how many lines ParseHistoryLog was through with
 };
 

@@ -125,7 +125,7 @@ void SplitLines(std::string_view content, std::vector<std::string>& lines) {
 
 // Reads a file as it stood at one moment. One that is written all the time is read up to its last
 // whole line: behind it may be half a command. 0 or an errno value.
-int ReadSettled(const SDK::FileUtils::Reader& file, std::string& content) {
+int ReadSettled(const SDK::FileUtils::FileReader& file, std::string& content) {
     constexpr int kTries = 3;
     for (int i = 0; i < kTries; ++i) {
         SDK::FileStamp before;
@@ -152,7 +152,7 @@ void SetTail(std::string_view content, char (&tail)[kTailLength + 1]) {
 }
 
 // Reads the last bytes of a file into `tail`, as many as there are; none when they cannot be read.
-void ReadTail(const SDK::FileUtils::Reader& file, char (&tail)[kTailLength + 1]) {
+void ReadTail(const SDK::FileUtils::FileReader& file, char (&tail)[kTailLength + 1]) {
     SDK::FileStamp stamp;
     std::memset(tail, 0, sizeof(tail));
     if (file.GetStamp(stamp) != 0) {
@@ -168,6 +168,16 @@ void ReadTail(const SDK::FileUtils::Reader& file, char (&tail)[kTailLength + 1])
 }  // namespace
 
 void RsyslogTask::SyslogGetUserList() {
+    const std::int64_t began = SDK::ReadMark::Now();
+    const SDK::FileStamp stamp = SDK::FileStamp::Of(kPasswordFile);
+    if (passwd_read.Holds(stamp)) {
+        return;
+    }
+    AddUsers();
+    passwd_read.Set(stamp, SDK::FileStamp::Of(kPasswordFile), began);
+}
+
+void RsyslogTask::AddUsers() {
     std::list<user_info>& users = rsyslog_policy.user_list;
     char strings[kPasswordEntrySize] = {};
     const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(
@@ -229,7 +239,7 @@ bool RsyslogTask::HistorySetLogPath(std::string& hash, bool with_hash, char (&ta
         RSYSLOG_LOG(PRIO_ERROR, "file path is null or length is 0.");
         return false;
     }
-    SDK::FileUtils::Reader file;
+    SDK::FileUtils::FileReader file;
     const int opened = file.Open(path, Links::kTrusted);
     if (with_hash) {
         std::string content;
@@ -264,19 +274,33 @@ bool RsyslogTask::HistoryTailLogs(std::vector<std::string>& lines, user_info& us
         RSYSLOG_LOG(PRIO_ERROR, "file path is null or length is 0.");
         return false;
     }
-    SDK::FileUtils::Reader file;
+    // A link goes the long way: it has to be trusted each time.
+    if (user.read_mark.Holds(SDK::FileStamp::OfNoLink(path.c_str()))) {
+        if (user.marked_unchanged) {
+            RSYSLOG_LOG(PRIO_TRACE, "history file [%s] not change.", path);
+        }
+        return false;
+    }
+    SDK::FileUtils::FileReader file;
     std::string hash;
-    if (file.Open(path, Links::kTrusted) != 0 || file.GetSha256(hash, kFileLimit) != 0) {
+    const std::int64_t began = SDK::ReadMark::Now();
+    SDK::FileStamp before;
+    SDK::FileStamp stamp;
+    if (file.Open(path, Links::kTrusted) != 0 || file.GetStamp(before) != 0 ||
+        file.GetSha256(hash, kFileLimit) != 0) {
         RSYSLOG_LOG(PRIO_TRACE, "history file no hash %s.", path);
         return false;
     }
-    if (hash == user.history_hash) {
-        RSYSLOG_LOG(PRIO_TRACE, "history file [%s] not change.", path);
-        return false;
-    }
-    SDK::FileStamp stamp;
-    if (file.GetStamp(stamp) != 0 || stamp.size == 0 ||
-        static_cast<std::uint64_t>(stamp.size) > HistorySizeLimit()) {
+    const bool known = file.GetStamp(stamp) == 0;
+    const bool unchanged = hash == user.history_hash;
+    const bool out_of_bounds =
+        !known || stamp.size == 0 || static_cast<std::uint64_t>(stamp.size) > HistorySizeLimit();
+    if (unchanged || out_of_bounds) {
+        user.read_mark.Set(before, stamp, began);
+        user.marked_unchanged = unchanged;
+        if (unchanged) {
+            RSYSLOG_LOG(PRIO_TRACE, "history file [%s] not change.", path);
+        }
         return false;
     }
     std::string content;
@@ -301,13 +325,9 @@ bool RsyslogTask::HistoryTailLogs(std::vector<std::string>& lines, user_info& us
 
 template <typename Step>
 void RsyslogTask::Shielded(const std::string& path, Step step) {
-    const auto stamp = [&path] {
-        struct stat status = {};
-        return stat(path.c_str(), &status) == 0 ? SDK::FileStamp(status) : SDK::FileStamp();
-    };
     const auto failed = failed_files.find(path);
     if (failed != failed_files.end()) {
-        if (failed->second == stamp()) {
+        if (failed->second == SDK::FileStamp::Of(path.c_str())) {
             return;
         }
         failed_files.erase(failed);
@@ -317,7 +337,7 @@ void RsyslogTask::Shielded(const std::string& path, Step step) {
     } catch (const std::exception& e) {
         RSYSLOG_LOG(PRIO_ERROR, "%s is passed over until it changes: %s", path,
                     std::string(e.what()));
-        failed_files[path] = stamp();
+        failed_files[path] = SDK::FileStamp::Of(path.c_str());
     }
 }
 

@@ -2,19 +2,16 @@
 #include <unistd.h>
 #include <utmp.h>
 
-#include <algorithm>
-#include <boost/functional/hash.hpp>
 #include <chrono>
 #include <cstring>
 #include <ctime>
-#include <limits>
-#include <memory>
+#include <optional>
+#include <string>
 #include <string_view>
 #include <thread>
-#include <unordered_map>
-#include <unordered_set>
 
 #include "framework/Message.h"
+#include "module/module_rsyslog/src/LoginRecords.h"
 #include "module/module_rsyslog/src/RsyslogLog.h"
 #include "module/module_rsyslog/src/RsyslogTask.h"
 #include "module/module_rsyslog/src/RsyslogThrottle.h"
@@ -35,16 +32,24 @@ constexpr std::size_t kHostNameSize = 256;  // with its terminating zero
 constexpr std::chrono::seconds kLockPatience{10};
 constexpr std::chrono::milliseconds kLockPause{10};
 
+// The file that the C library reads as the accounting file.
+std::string PathOfLogins() {
+    const std::string instead = std::string(kLoginFile) + "x";
+    return access(instead.c_str(), F_OK) == 0 ? instead : kLoginFile;
+}
+
 // A look at the accounting file beside that of the C library, which opens a FIFO without a writer
 // for ever. It gives up waiting for a lock after ten seconds, but by an alarm that goes to any
 // thread of the process, usually not the one that waits.
 class FileWatch {
 public:
     // False when there is no regular file to be read.
-    bool Open() {
-        // What the library reads under the file's name, if it is there.
-        const std::string instead = std::string(kLoginFile) + "x";
-        return file_.Open(access(instead.c_str(), F_OK) == 0 ? instead : kLoginFile) == 0;
+    bool Open(const std::string& path) { return file_.Open(path) == 0; }
+
+    // The state of the open file; that of no file when it cannot be told.
+    SDK::FileStamp Stamp() const {
+        SDK::FileStamp stamp;
+        return file_.GetStamp(stamp) == 0 ? stamp : SDK::FileStamp();
     }
 
     // Waits while another process holds a write lock. False when it still does at the end of the
@@ -72,7 +77,7 @@ private:
         return fcntl(file_.Get(), F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
     }
 
-    SDK::FileUtils::Reader file_;
+    SDK::FileUtils::FileReader file_;
 };
 
 bool IsKept(int type) {
@@ -97,221 +102,6 @@ void CopyRecord(const utmp& entry, utmp_info& record) {
     record.pending = true;
 }
 
-// Tells known records from new ones during one reading of the file.
-class KnownRecords {
-public:
-    explicit KnownRecords(std::vector<utmp_info>& records)
-        : records_(records), index_(0, Hash{records}, Equal{records}) {}
-
-    // Appends `record` to the list and returns true, unless an equal one is in it.
-    bool Add(const utmp_info& record) {
-        // A file that only grew gives the known records in the order they were kept.
-        if (next_ < records_.size() && records_[next_] == record) {
-            ++next_;
-            return false;
-        }
-        const std::size_t at = Find(record);
-        const bool fresh = at == records_.size();
-        if (fresh) {
-            records_.push_back(record);
-        }
-        next_ = std::max(next_, at + 1);
-        return fresh;
-    }
-
-private:
-    struct Hash {
-        const std::vector<utmp_info>& records;
-        std::size_t operator()(std::size_t at) const {
-            const utmp_info& record = records[at];
-            std::size_t seed = 0;
-            boost::hash_combine(seed, record.login_time);
-            boost::hash_combine(seed, record.session);
-            boost::hash_combine(seed, record.pid);
-            boost::hash_combine(seed, record.type);
-            for (const std::string* text : {&record.line, &record.user, &record.host}) {
-                boost::hash_combine(seed, std::hash<std::string>()(*text));
-            }
-            return seed;
-        }
-    };
-    struct Equal {
-        const std::vector<utmp_info>& records;
-        bool operator()(std::size_t a, std::size_t b) const { return records[a] == records[b]; }
-    };
-
-    // The place of the equal record, or the length of the list.
-    std::size_t Find(const utmp_info& record) {
-        // Behind the known records come the new ones, in the order of time as a rule; clocks set
-        // back make the exceptions.
-        if (next_ == records_.size()) {
-            for (; counted_ < records_.size(); ++counted_) {
-                if (counted_ == 0 || records_[counted_].login_time > latest_) {
-                    latest_ = records_[counted_].login_time;
-                    first_latest_ = counted_;
-                }
-            }
-            if (counted_ == 0 || record.login_time > latest_) {
-                return counted_;
-            }
-            if (record.login_time == latest_ && counted_ - first_latest_ < kFewRecords) {
-                const auto first = records_.begin() + static_cast<std::ptrdiff_t>(first_latest_);
-                const auto found = std::find(first, records_.end(), record);
-                return static_cast<std::size_t>(found - records_.begin());
-            }
-        }
-        return searches_ < kSearches ? Search(record) : LookUp(record);
-    }
-
-    // A walk costs far less than the index, and a pass with little news takes few. Backwards from
-    // the place reached: there is the original of a record written twice; then from the list's end:
-    // there is the beginning of a file that was rotated.
-    std::size_t Search(const utmp_info& record) {
-        ++searches_;
-        const auto reached = records_.rend() - static_cast<std::ptrdiff_t>(next_);
-        auto found = std::find(reached, records_.rend(), record);
-        if (found == records_.rend()) {
-            found = std::find(records_.rbegin(), reached, record);
-            if (found == reached) {
-                return records_.size();
-            }
-        }
-        return static_cast<std::size_t>(records_.rend() - found) - 1;
-    }
-
-    std::size_t LookUp(const utmp_info& record) {
-        while (indexed_ < records_.size()) {
-            index_.insert(indexed_++);
-        }
-        // The set holds places in the list, so what is looked up has to be there too.
-        records_.push_back(record);
-        const auto found = index_.find(indexed_);
-        const std::size_t at = found == index_.end() ? indexed_ : *found;
-        records_.pop_back();
-        return at;
-    }
-
-    static constexpr int kSearches = 8;
-    static constexpr std::size_t kFewRecords = 32;
-
-    std::vector<utmp_info>& records_;
-    std::size_t next_ = 0;     // in the list, the record expected next
-    std::size_t counted_ = 0;  // how many of the list the next two speak of
-    std::int64_t latest_ = 0;
-    std::size_t first_latest_ = 0;
-    int searches_ = 0;
-    std::size_t indexed_ = 0;  // how many of the list are in the index
-    std::unordered_set<std::size_t, Hash, Equal> index_;
-};
-
-// The open logins of a list that keeps its length, with the ways to find those that end. A login
-// is named by its slot; the slots of a line are neighbours, in the order of the list.
-class OpenLogins {
-public:
-    // `open`: the places of the open logins in `records`, ascending.
-    OpenLogins(const std::vector<utmp_info>& records, const std::vector<std::size_t>& open)
-        : places_(open.size()) {
-        for (const std::size_t place : open) {
-            ++lines_[records[place].line].end;
-        }
-        std::size_t slots = 0;
-        for (auto& [line, range] : lines_) {
-            range.begin = slots;
-            slots += range.end;
-            range.end = range.begin;
-        }
-        while (leaves_ < slots) {
-            leaves_ *= 2;
-        }
-        earliest_.assign(2 * leaves_, kNever);
-        for (const std::size_t place : open) {
-            const std::size_t slot = lines_[records[place].line].end++;
-            places_[slot] = place;
-            earliest_[leaves_ + slot] = records[place].login_time;
-        }
-        for (std::size_t node = leaves_ - 1; node > 0; --node) {
-            Update(node);
-        }
-    }
-
-    std::size_t Place(std::size_t slot) const { return places_[slot]; }
-
-    // The first login of the list on `line` that began at `time` or before, if there is one.
-    std::vector<std::size_t> FirstOn(const std::string& line, std::int64_t time) const {
-        const auto range = lines_.find(line);
-        if (range == lines_.end()) {
-            return {};
-        }
-        const std::size_t slot = FirstFrom(range->second.begin, time);
-        return slot < range->second.end ? std::vector<std::size_t>{slot}
-                                        : std::vector<std::size_t>();
-    }
-
-    // All that began at `time` or before, in the order of the list.
-    std::vector<std::size_t> All(std::int64_t time) const {
-        std::vector<std::size_t> slots;
-        for (std::size_t slot = FirstFrom(0, time); slot != kNone;
-             slot = FirstFrom(slot + 1, time)) {
-            slots.push_back(slot);
-        }
-        std::sort(slots.begin(), slots.end(),
-                  [this](std::size_t a, std::size_t b) { return places_[a] < places_[b]; });
-        return slots;
-    }
-
-    void Remove(std::size_t slot) {
-        std::size_t node = leaves_ + slot;
-        earliest_[node] = kNever;
-        while (node > 1) {
-            node /= 2;
-            Update(node);
-        }
-    }
-
-private:
-    static constexpr std::size_t kNone = std::numeric_limits<std::size_t>::max();
-    // Later than any record, whose times have 32 bits.
-    static constexpr std::int64_t kNever = std::numeric_limits<std::int64_t>::max();
-
-    struct Range {
-        std::size_t begin = 0;
-        std::size_t end = 0;
-    };
-
-    void Update(std::size_t node) {
-        earliest_[node] = std::min(earliest_[2 * node], earliest_[2 * node + 1]);
-    }
-
-    // The first slot from `slot` on with a login time up to `time`, or kNone.
-    std::size_t FirstFrom(std::size_t slot, std::int64_t time) const {
-        if (slot >= places_.size()) {
-            return kNone;
-        }
-        std::size_t node = leaves_ + slot;
-        while (earliest_[node] > time) {
-            while (node % 2 == 1) {  // nothing to the right of it below its parent
-                node /= 2;
-            }
-            if (node == 0) {
-                return kNone;
-            }
-            ++node;
-        }
-        while (node < leaves_) {
-            node *= 2;
-            node += earliest_[node] > time ? 1 : 0;
-        }
-        return node - leaves_;
-    }
-
-    std::vector<std::size_t> places_;  // of each slot in the list
-    std::unordered_map<std::string_view, Range> lines_;
-    // A binary tree of login times, its root at 1, the children of n at 2n and 2n + 1, the slots as
-    // its leaves; an inner node has the earliest below it.
-    std::size_t leaves_ = 1;
-    std::vector<std::int64_t> earliest_;
-};
-
 }  // namespace
 
 int RsyslogTask::UtmpSetutent(const char* path) {
@@ -334,17 +124,31 @@ void RsyslogTask::UtmpEndutent() {
 
 void RsyslogTask::ReadLastAllinfo(std::vector<utmp_info>& new_records) {
     new_records.clear();
-    FileWatch watch;
-    if (!watch.Open() || UtmpSetutent(kLoginFile) != 0) {
+    const std::string path = PathOfLogins();
+    if (logins_read.Holds(SDK::FileStamp::Of(path.c_str()))) {
         return;
     }
+    const std::int64_t began = SDK::ReadMark::Now();
+    FileWatch watch;
+    if (!watch.Open(path)) {
+        return;
+    }
+    const SDK::FileStamp before = watch.Stamp();
+    if (UtmpSetutent(kLoginFile) != 0) {
+        return;
+    }
+    bool whole = false;
     try {
         const auto stopping = [this] { return state() == TASK_CANCELLING; };
         KnownRecords known(utmp_list);
         utmp buffer = {};
         utmp* entry = nullptr;
         utmp_info record;
-        while (!stopping() && watch.AwaitUnlocked(stopping) && getutent_r(&buffer, &entry) == 0) {
+        while (!stopping() && watch.AwaitUnlocked(stopping)) {
+            whole = getutent_r(&buffer, &entry) != 0;
+            if (whole) {
+                break;
+            }
             RSYSLOG_THROTTLE();
             if (entry == nullptr) {
                 continue;
@@ -363,20 +167,13 @@ void RsyslogTask::ReadLastAllinfo(std::vector<utmp_info>& new_records) {
         throw;
     }
     UtmpEndutent();
+    if (whole) {
+        logins_read.Set(before, watch.Stamp(), began);
+    }
 }
 
 void RsyslogTask::ParseEveryUtmp(const std::vector<utmp_info>& new_records) {
-    std::unique_ptr<OpenLogins> open;  // made for the first record that can end a login
-    const auto end_login = [this, &open](std::size_t slot, std::int64_t time) -> utmp_info& {
-        utmp_info& login = utmp_list[open->Place(slot)];
-        login.logout_time = time;
-        login.pending = true;
-        if (time != 0) {  // an end at 0 leaves the login open
-            open->Remove(slot);
-        }
-        return login;
-    };
-    bool zero_boot = false;
+    std::optional<OpenLogins> open;  // made for the first record that can end a login
     for (const utmp_info& record : new_records) {
         if (state() == TASK_CANCELLING) {
             return;
@@ -386,34 +183,39 @@ void RsyslogTask::ParseEveryUtmp(const std::vector<utmp_info>& new_records) {
         if (record.type != DEAD_PROCESS && record.type != BOOT_TIME) {
             continue;
         }
-        if (open == nullptr) {
-            open = std::make_unique<OpenLogins>(utmp_list, FindOpenLogins());
+        if (!open) {
+            open.emplace(utmp_list, FindOpenLogins());
         }
         std::vector<std::size_t> ended;
-        if (record.type == DEAD_PROCESS) {
-            ended = open->FirstOn(record.line, record.login_time);
-        } else if (record.login_time != 0 || !zero_boot || TraceIsOn()) {
-            // Boots at 0 end the same logins again and again, which then shows in the log alone.
+        if (record.type == BOOT_TIME) {
             ended = open->All(record.login_time);
-            zero_boot = zero_boot || record.login_time == 0;
+        } else if (const auto slot = open->FirstOn(record.line, record.login_time)) {
+            ended = {*slot};
         }
         for (const std::size_t slot : ended) {
             if (!NextElement()) {
                 return;
             }
-            const utmp_info& login = end_login(slot, record.login_time);
-            if (record.type == DEAD_PROCESS) {
-                RSYSLOG_LOG(PRIO_TRACE, "finddeadok pid:%d,%s,%s,%s,%d,%?d, %?d", login.pid,
-                            login.line, login.user, login.host, static_cast<int>(login.session),
-                            login.login_time, login.logout_time);
-            } else {
-                // All three have 32 bits in the file.
-                RSYSLOG_LOG(PRIO_TRACE, "findfindbootok pid:%d,%s,%s,%s,%d,%d, %d", login.pid,
-                            login.line, login.user, login.host, static_cast<int>(login.session),
-                            static_cast<int>(login.login_time),
-                            static_cast<int>(login.logout_time));
+            EndLogin(utmp_list[open->Place(slot)], record);
+            if (record.login_time != 0) {  // an end at 0 leaves the login open
+                open->Remove(slot);
             }
         }
+    }
+}
+
+void RsyslogTask::EndLogin(utmp_info& login, const utmp_info& end) {
+    login.logout_time = end.login_time;
+    login.pending = true;
+    // All numbers have 32 bits in the file.
+    const int session = static_cast<int>(login.session);
+    if (end.type == DEAD_PROCESS) {
+        RSYSLOG_LOG(PRIO_TRACE, "finddeadok pid:%d,%s,%s,%s,%d,%?d, %?d", login.pid, login.line,
+                    login.user, login.host, session, login.login_time, login.logout_time);
+    } else {
+        RSYSLOG_LOG(PRIO_TRACE, "findfindbootok pid:%d,%s,%s,%s,%d,%d, %d", login.pid, login.line,
+                    login.user, login.host, session, static_cast<int>(login.login_time),
+                    static_cast<int>(login.logout_time));
     }
 }
 

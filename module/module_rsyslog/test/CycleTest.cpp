@@ -1,12 +1,15 @@
 // The task's life, its cycle, daemon detection and alarms.
 
 #include <gtest/gtest.h>
+#include <sys/inotify.h>
 #include <unistd.h>
 #include <utmpx.h>
 
+#include <filesystem>
 #include <fstream>
 #include <optional>
 #include <set>
+#include <thread>
 
 #include "module/module_procs/src/ProcsFullTask.h"
 #include "module/module_rsyslog/test/ModuleSupport.h"
@@ -164,6 +167,40 @@ TEST_F(Forwarding, AlarmsOnceForACodeAndHistoryAlarmsOnceInFourHours) {
     EXPECT_LT(task_->alarm_time_map.size(), 3000U);
 }
 
+// A cycle in which nothing changed opens no file that it has read.
+TEST_F(Forwarding, WhatIsUnchangedIsNotReadAgain) {
+    const std::string history = "/tmp/.bash_history";
+    task_->rsyslog_policy.get_history = task_->rsyslog_policy.get_lastlog = true;
+    task_->rsyslog_policy.history_size = 1;
+    task_->rsyslog_policy.last_login_log_path = task_->rsyslog_policy.history_log_path = "/tmp/log";
+    task_->cycle_count = 1;
+    TestSupport::WriteText("/etc/passwd", "al:x:7:8:Al:/tmp:/bin/sh\n");
+    TestSupport::WriteText(history, "old\n");
+    TestSupport::WriteText("/var/log/wtmp", "");
+    std::this_thread::sleep_for(std::chrono::milliseconds(2100));  // no longer just changed
+    task_->Run();
+    task_->Run();
+    const int opened = inotify_init1(IN_NONBLOCK);
+    for (const std::string& path :
+         {history, std::string("/etc/passwd"), std::string("/var/log/wtmp")}) {
+        ASSERT_LT(0, inotify_add_watch(opened, path.c_str(), IN_OPEN | IN_ACCESS));
+    }
+    const int unchanged = log_.Holding("not change.");
+    task_->Run();
+    task_->Run();
+    EXPECT_EQ(unchanged + 2, log_.Holding("not change."));
+    char event[1024];
+    EXPECT_EQ(-1, read(opened, event, sizeof(event)));
+    // Of the same length, with its times set back.
+    const auto time = std::filesystem::last_write_time(history);
+    TestSupport::WriteText(history, "new\n");
+    std::filesystem::last_write_time(history, time);
+    task_->Run();
+    EXPECT_EQ(1, log_.Holding("8 recordtext is :"));
+    EXPECT_LT(0, read(opened, event, sizeof(event)));
+    close(opened);
+}
+
 // Two cycles over a login, its end and a command pass each throttle point.
 TEST_F(Forwarding, EveryLongLoopHasItsThrottlePoint) {
     running = {"init"};
@@ -173,9 +210,9 @@ TEST_F(Forwarding, EveryLongLoopHasItsThrottlePoint) {
     TestSupport::WriteText("/etc/passwd", "al:x:7:8:Al:/tmp:/bin/sh\n");
     TestSupport::WriteText("/tmp/.bash_history", "old\n");
     utmpx record = {};
-    for (const short type : {USER_PROCESS, DEAD_PROCESS}) {
+    for (const int type : {USER_PROCESS, DEAD_PROCESS}) {
         std::ofstream("/var/log/wtmp", std::ios::app).close();
-        record.ut_type = type;
+        record.ut_type = static_cast<short>(type);
         updwtmpx("/var/log/wtmp", &record);
     }
     throttled.clear();
