@@ -276,8 +276,9 @@ private:
     void SendDaemonAlarm(int code);
     // Sets `address` to the IPv4 address of `host`, dotted or a name; false also at a stop.
     bool Resolve(const std::string& host, in_addr& address) const;
-    // Runs a restart command, a minute at most; a stop does not wait for it.
-    void Restart(const std::string& command);
+    // Runs restart commands one after the other, a minute at most; those behind one that took it
+    // all get another. A stop does not wait for them.
+    void Restart(std::list<std::string> commands);
     // Drops alarms from alarm_time_map, but for that under the key `latest`, that are too old to
     // suppress another.
     void ForgetOldAlarms(const std::string& latest, std::int64_t now);

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <boost/algorithm/string/join.hpp>
 #include <boost/algorithm/string/predicate.hpp>
 #include <cctype>
 #include <cerrno>
@@ -19,6 +20,7 @@
 #include "module/module_rsyslog/src/RsyslogTask.h"
 #include "module/module_rsyslog/src/RsyslogWait.h"
 #include "sdk/BoundedString.h"
+#include "sdk/Descriptor.h"
 #include "sdk/FileUtils.h"
 
 namespace Engine {
@@ -143,21 +145,20 @@ bool RsyslogTask::Resolve(const std::string& host, in_addr& address) const {
 }
 
 bool RsyslogTask::CheckIpReachable(const std::string& ip, const std::string& port) {
-    const int probe = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (probe < 0) {
+    SDK::Descriptor probe;
+    if (probe.Reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) != 0) {
         RSYSLOG_LOG(PRIO_ERROR, "create socket failed.");
         return false;
     }
     const int on = 1;
-    setsockopt(probe, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+    setsockopt(probe.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
     sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<std::uint16_t>(std::strtol(port.c_str(), nullptr, 10)));
     if (Resolve(ip, address.sin_addr)) {
-        const int flags = DoConnect(probe, kConnectTimeoutSeconds, address);
-        fcntl(probe, F_SETFL, flags);
+        const int flags = DoConnect(probe.Get(), kConnectTimeoutSeconds, address);
+        fcntl(probe.Get(), F_SETFL, flags);
     }
-    close(probe);
     // On purpose also after a connection: forwarding over TCP is never configured.
     return false;
 }
@@ -327,16 +328,22 @@ void RsyslogTask::RsyslogConfRewrite(const char* include_dir) {
         RSYSLOG_LOG(PRIO_TRACE, "remove conf: %s", rsyslog_conf_file);
     }
     if (CreatAndWriteRsyslogConf(rsyslog_conf_file.c_str())) {
-        Restart("service rsyslog restart");
+        Restart({"service rsyslog restart"});
         RSYSLOG_LOG(PRIO_TRACE, "run cmd: service rsyslog restart");
     }
 }
 
-void RsyslogTask::Restart(const std::string& command) {
+void RsyslogTask::Restart(std::list<std::string> commands) {
     // A daemon must not keep the agent's log or sockets open, nor take over its tight umask.
     close_range(3, ~0U, CLOSE_RANGE_CLOEXEC);
-    if (RunCommand("umask 022; " + command, [this] { return isCancelled(); }) == Outcome::kFailed) {
-        RSYSLOG_LOG(PRIO_ERROR, "[%s] could not be run to its end", command);
+    for (; !commands.empty(); commands.pop_front()) {
+        // In one shell, to which a stop leaves them in their order.
+        const std::string line = boost::algorithm::join(commands, "; ");
+        if (RunCommand("umask 022; " + line, [this] { return isCancelled(); }) !=
+            Outcome::kFailed) {
+            return;
+        }
+        RSYSLOG_LOG(PRIO_ERROR, "[%s] could not be run to its end", line);
     }
 }
 
@@ -344,8 +351,7 @@ void RsyslogTask::SyslogServiceManage() {
     if (!OverWriteSyslogngConf() || !OverWriteSyslogngReadAuditConf()) {
         return;
     }
-    Restart(
-        "rcapparmor restart; service syslog restart");  // in one shell, which a stop leaves to it
+    Restart({"rcapparmor restart", "service syslog restart"});
     RSYSLOG_LOG(PRIO_TRACE, "run cmd: rcapparmor restart & service syslog restart");
 }
 

@@ -1,11 +1,11 @@
 #include "module/module_rsyslog/src/RsyslogWait.h"
 
+#include <fcntl.h>
 #include <netdb.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -15,6 +15,7 @@
 #include <optional>
 #include <system_error>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace Engine {
@@ -27,7 +28,7 @@ constexpr std::chrono::seconds kCommandPatience{60};
 constexpr std::chrono::seconds kTermPatience{1};
 constexpr std::chrono::milliseconds kPause{20};
 
-// Commands that a stop left running, to be reaped when they have ended.
+// Commands that a stop left running.
 std::vector<pid_t> left_running;
 
 bool HasEnded(pid_t process) {
@@ -45,23 +46,40 @@ bool AwaitEnd(pid_t process, std::chrono::seconds patience, const std::function<
     return true;
 }
 
+// Without the terminal, which would stop a background process group that reads it.
 pid_t Start(const std::string& command) {
     posix_spawnattr_t attributes;
+    posix_spawn_file_actions_t actions;
     if (posix_spawnattr_init(&attributes) != 0) {
+        return -1;
+    }
+    if (posix_spawn_file_actions_init(&actions) != 0) {
+        posix_spawnattr_destroy(&attributes);
         return -1;
     }
     sigset_t none;
     sigemptyset(&none);
     posix_spawnattr_setsigmask(&attributes, &none);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     std::string text = command;
     char shell[] = "sh";
     char option[] = "-c";
     char* const arguments[] = {shell, option, text.data(), nullptr};
     pid_t process = -1;
-    const int error = posix_spawn(&process, "/bin/sh", nullptr, &attributes, arguments, environ);
+    const int error = posix_spawn(&process, "/bin/sh", &actions, &attributes, arguments, environ);
+    posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attributes);
     return error == 0 ? process : -1;
+}
+
+// Ends a command and what it has started.
+void End(pid_t process) {
+    kill(-process, SIGTERM);
+    if (!AwaitEnd(process, kTermPatience, [] { return false; })) {
+        kill(-process, SIGKILL);
+        waitpid(process, nullptr, 0);
+    }
 }
 
 // As gethostbyname, from any thread.
@@ -85,8 +103,12 @@ std::optional<in_addr> LookUp(const std::string& host) {
 }  // namespace
 
 Outcome RunCommand(const std::string& command, const std::function<bool()>& stopping) {
-    left_running.erase(std::remove_if(left_running.begin(), left_running.end(), HasEnded),
-                       left_running.end());
+    // Two at once could restart the same daemon.
+    for (const pid_t process : std::exchange(left_running, {})) {
+        if (!AwaitEnd(process, kCommandPatience, stopping)) {
+            stopping() ? left_running.push_back(process) : End(process);
+        }
+    }
     const pid_t process = Start(command);
     if (process < 0) {
         return Outcome::kFailed;
@@ -99,11 +121,7 @@ Outcome RunCommand(const std::string& command, const std::function<bool()>& stop
         left_running.push_back(process);
         return Outcome::kStopped;
     }
-    kill(-process, SIGTERM);
-    if (!AwaitEnd(process, kTermPatience, [] { return false; })) {
-        kill(-process, SIGKILL);
-        waitpid(process, nullptr, 0);
-    }
+    End(process);
     return Outcome::kFailed;
 }
 
