@@ -14,9 +14,9 @@ namespace SDK {
 // clock decides, and another file put in its place is another inode. Two gaps are closed by not
 // remembering: a file that changes while it is read, and one that has changed less than two seconds
 // before, as the next write could leave the same times (file systems count them in steps of up to
-// two seconds). Two remain: a clock set back to the very nanosecond of the last change when the file,
-// at the same length, is written again; and a page that a process keeps mapped shared and writes to
-// more than once before the kernel writes it back, which moves ctime the first time only.
+// two seconds). Two remain: a clock set back to the very nanosecond of the last change when the
+// file, at the same length, is written again; and a page that a process keeps mapped shared and
+// writes to more than once before the kernel writes it back, which moves ctime the first time only.
 class ReadMark {
 public:
     // Now, for `began` below: nanoseconds since the epoch, UTC.
