@@ -228,7 +228,7 @@ TEST(EndToEnd, AFullDiskCostsNoThreadNoOldLineAndNoReport) {
     const std::string log_dir = AgentProcess::Path("log");
     std::filesystem::create_directories(log_dir);
     ASSERT_EQ(0, mount("small", log_dir.c_str(), "tmpfs", 0, "size=4m"));
-    WriteText("/etc/passwd", "ann:x:1000:1000::/home/ann:/bin/bash\n");
+    std::ofstream("/etc/passwd", std::ios::app) << "ann:x:1000:1000::/home/ann:/bin/bash\n";
     std::filesystem::create_directories("/home/ann");
     WriteText("/home/ann/.bash_history", "old\n");
     WriteText("/home/ann/.bashrc", "HISTSIZE=1\n");
