@@ -79,11 +79,13 @@ void RsyslogTask::UnInit() {
 
 void RsyslogTask::RunSyslogConf() {
     if (rsyslog_policy.get_history) {
-        try {
-            BuildHistoryLog();
-            CheckHistoryReport();
-        } catch (const std::exception& e) {
-            RSYSLOG_LOG(PRIO_ERROR, "shell history cut short: %s", std::string(e.what()));
+        // Each for itself: the second frees the memory that the first one may lack.
+        for (const auto step : {&RsyslogTask::BuildHistoryLog, &RsyslogTask::CheckHistoryReport}) {
+            try {
+                (this->*step)();
+            } catch (const std::exception& e) {
+                RSYSLOG_LOG(PRIO_ERROR, "shell history cut short: %s", std::string(e.what()));
+            }
         }
     }
     const bool light = cycle_count >= 1 && cycle_count < kFullPassCycles;

@@ -112,8 +112,9 @@ void RsyslogTask::ParseHistoryLog(const std::list<user_info>::iterator& user, co
             record.stamp = kNoStamp;
             record.cmd = line;
             const std::string text = prefix + record.stamp + " cmd:" + record.cmd;
-            if (!std::exchange(user->first_recorded, true)) {
+            if (!user->first_recorded) {
                 HistoryWriteLog(text, rsyslog_policy.history_log_path);
+                user->first_recorded = true;
             }
             SendHistoryLogInfo(record);
             user->first_recorded = false;
@@ -143,19 +144,23 @@ void RsyslogTask::CheckHistoryReport() {
             return;
         }
     }
-    std::size_t count = history_list.size();
-    if (static_cast<std::int64_t>(count) >= rsyslog_policy.his_count &&
-        state() != TASK_CANCELLING) {
-        // What is suppressed is the same; only the trace lines tell of every pair.
-        if (TraceIsOn()) {
-            PaceHistoryByPairs();
-        } else {
-            count = PaceHistory();
+    // One round, unless memory runs out: each frees some for the next.
+    for (bool more = true; more;) {
+        std::size_t count = history_list.size();
+        if (static_cast<std::int64_t>(count) >= rsyslog_policy.his_count &&
+            state() != TASK_CANCELLING) {
+            // What is suppressed is the same; only the trace lines tell of every pair.
+            if (TraceIsOn()) {
+                PaceHistoryByPairs();
+            } else {
+                count = PaceHistory();
+            }
         }
-    }
-    std::string text = ReportQueued(count, host_name);
-    if (!text.empty()) {
-        HistoryWriteLog(std::move(text), rsyslog_policy.history_log_path);
+        std::string text = ReportQueued(count, host_name);
+        more = !text.empty() && !history_list.empty() && state() != TASK_CANCELLING;
+        if (!text.empty()) {
+            HistoryWriteLog(std::move(text), rsyslog_policy.history_log_path);
+        }
     }
     if (state() == TASK_CANCELLING) {
         history_list.clear();
@@ -181,7 +186,7 @@ std::string RsyslogTask::ReportQueued(std::size_t count, const std::string& host
             if (text.empty()) {
                 history_list.pop_front();
             }
-            RSYSLOG_LOG(PRIO_ERROR, "commands lost: %d, to be reported in the next cycle: %?d: %s",
+            RSYSLOG_LOG(PRIO_ERROR, "commands lost: %d, to be reported later: %?d: %s",
                         text.empty() ? 1 : 0, history_list.size(), std::string(e.what()));
             break;
         }
@@ -231,7 +236,7 @@ std::size_t RsyslogTask::PaceHistory() {
         try {
             earlier.insert(above, time);
         } catch (const std::bad_alloc&) {
-            RSYSLOG_LOG(PRIO_ERROR, "out of memory, commands to be reported in the next cycle: %?d",
+            RSYSLOG_LOG(PRIO_ERROR, "out of memory, commands to be reported later: %?d",
                         history_list.size() - paced);
             break;
         }

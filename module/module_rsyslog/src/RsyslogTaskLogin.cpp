@@ -237,8 +237,16 @@ std::vector<std::size_t> RsyslogTask::FindOpenLogins() const {
 void RsyslogTask::BuildLastInfo() {
     RSYSLOG_THROTTLE();
     std::vector<utmp_info> new_records;
-    ReadLastAllinfo(new_records);
-    ParseEveryUtmp(new_records);
+    const auto known = static_cast<std::ptrdiff_t>(utmp_list.size());
+    try {
+        ReadLastAllinfo(new_records);
+        ParseEveryUtmp(new_records);
+    } catch (...) {
+        // Known without what they end, they would never be looked at again.
+        utmp_list.erase(utmp_list.begin() + known, utmp_list.end());
+        logins_read.Clear();
+        throw;
+    }
 
     const std::string now = GetLocalTimeStr(std::time(nullptr));
     char host_name[kHostNameSize] = {};

@@ -35,8 +35,7 @@ bool HasEnded(pid_t process) {
     return waitpid(process, nullptr, WNOHANG) != 0;
 }
 
-bool AwaitEnd(pid_t process, std::chrono::seconds patience, const std::function<bool()>& stopping) {
-    const auto end = Clock::now() + patience;
+bool AwaitEnd(pid_t process, Clock::time_point end, const std::function<bool()>& stopping) {
     while (!HasEnded(process)) {
         if (stopping() || Clock::now() >= end) {
             return false;
@@ -76,7 +75,7 @@ pid_t Start(const std::string& command) {
 // Ends a command and what it has started.
 void End(pid_t process) {
     kill(-process, SIGTERM);
-    if (!AwaitEnd(process, kTermPatience, [] { return false; })) {
+    if (!AwaitEnd(process, Clock::now() + kTermPatience, [] { return false; })) {
         kill(-process, SIGKILL);
         waitpid(process, nullptr, 0);
     }
@@ -103,17 +102,21 @@ std::optional<in_addr> LookUp(const std::string& host) {
 }  // namespace
 
 Outcome RunCommand(const std::string& command, const std::function<bool()>& stopping) {
-    // Two at once could restart the same daemon.
+    // Two at once could restart the same daemon. All together have a minute.
+    const auto end = Clock::now() + kCommandPatience;
     for (const pid_t process : std::exchange(left_running, {})) {
-        if (!AwaitEnd(process, kCommandPatience, stopping)) {
+        if (!AwaitEnd(process, end, stopping)) {
             stopping() ? left_running.push_back(process) : End(process);
         }
+    }
+    if (!left_running.empty()) {
+        return Outcome::kStopped;
     }
     const pid_t process = Start(command);
     if (process < 0) {
         return Outcome::kFailed;
     }
-    if (AwaitEnd(process, kCommandPatience, stopping)) {
+    if (AwaitEnd(process, Clock::now() + kCommandPatience, stopping)) {
         return Outcome::kDone;
     }
     if (stopping()) {
