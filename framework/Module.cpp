@@ -35,6 +35,23 @@ Policy* Module::RefreshPolicy(const std::string& type, const std::string& key,
     return found->second.callback->invoke(key, text, current);
 }
 
+bool Module::JudgePolicy(const std::string& /*type*/, const std::string& /*text*/, bool /*host*/,
+                         std::vector<Finding>& /*findings*/) {
+    return false;
+}
+
+HostChange Module::PreviewPolicy(const std::string& /*type*/, const std::string& /*text*/) {
+    return {};
+}
+
+std::vector<Condition> Module::Conditions() {
+    return {};
+}
+
+HostChange Module::Restore(bool /*planned_only*/) {
+    return {};
+}
+
 void Module::DeliverPolicy(const std::string& type, const std::string& key,
                            const std::string& text) {
     const auto found = features_.find(type);

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "framework/Finding.h"
+#include "framework/HostChange.h"
 #include "framework/PolicyCallback.h"
 #include "framework/Task.h"
 
@@ -31,6 +33,21 @@ public:
     // caller owns, or null when there is no callback or the document is refused.
     virtual Policy* RefreshPolicy(const std::string& type, const std::string& key,
                                   const std::string& text, Policy*& current);
+
+    // What follows changes nothing and needs no Init, unless it says so.
+
+    // Adds what there is to say of a document of `type`, with `host` also on this host as it is
+    // now, and returns true; false when the module takes no such documents. Any thread, one at a
+    // time.
+    virtual bool JudgePolicy(const std::string& type, const std::string& text, bool host,
+                             std::vector<Finding>& findings);
+    // What the document would do to this host. After Init of all modules.
+    virtual HostChange PreviewPolicy(const std::string& type, const std::string& text);
+    // How the host fares with what the policy in force wants of it. Any thread.
+    virtual std::vector<Condition> Conditions();
+    // Takes back what policies have made of the host's configuration, or, planned only, tells what
+    // that would be. No task runs meanwhile. What fails throws Poco::Exception.
+    virtual HostChange Restore(bool planned_only);
 
     // Takes one document. The policy it gives waits for EnforcePolicies, in the place of one that
     // waits already. What is refused, here with an error line or by the callback, changes nothing.
