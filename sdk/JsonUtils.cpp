@@ -72,9 +72,25 @@ Json::Value ToValidUtf8(const Json::Value& value) {
     }
 }
 
+// Of jsoncpp's text for people, "* Line 1, Column 2\n  What\n...", with the bracket before the text
+// not counted.
+std::string FirstFault(const std::string& errors) {
+    std::istringstream text(errors);
+    std::string word;
+    std::string what;
+    int line = 0;
+    int column = 0;
+    if (!(text >> word >> word >> line >> word >> word >> column) ||
+        !std::getline(text >> std::ws, what)) {
+        return "it is not one value";
+    }
+    return "line " + std::to_string(line) + ", column " +
+           std::to_string(line == 1 ? column - 1 : column) + ": " + what;
+}
+
 }  // namespace
 
-int ParseJsonStr(const char* text, size_t length, Json::Value& out) {
+int ParseJsonStr(const char* text, size_t length, Json::Value& out, std::string* why) {
     if (text == nullptr) {
         return EINVAL;
     }
@@ -94,8 +110,12 @@ int ParseJsonStr(const char* text, size_t length, Json::Value& out) {
         thread_local const std::unique_ptr<Json::CharReader> reader(
             MakeReaderBuilder().newCharReader());
         Json::Value root;
-        if (!reader->parse(wrapped.data(), wrapped.data() + wrapped.size(), &root, nullptr) ||
+        std::string errors;
+        if (!reader->parse(wrapped.data(), wrapped.data() + wrapped.size(), &root, &errors) ||
             root.size() != 1) {
+            if (why != nullptr) {
+                *why = FirstFault(errors);
+            }
             return EINVAL;
         }
         out.swap(root[0]);

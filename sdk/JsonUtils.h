@@ -11,7 +11,8 @@ namespace SDK::JsonUtils {
 // JSON of any root kind, as strict as jsoncpp gets: nothing after the value, no duplicate keys,
 // about 1000 levels of arrays and objects. A byte order mark is skipped; bytes of a string that are
 // not UTF-8 are kept. 0, or EINVAL (not such a text) or ENOMEM with `out` unchanged; never throws.
-int ParseJsonStr(const char* text, size_t length, Json::Value& out);
+// `why`, set when it is not such a text: "line 3, column 7: ..." of the first fault.
+int ParseJsonStr(const char* text, size_t length, Json::Value& out, std::string* why = nullptr);
 
 // The member `key` of `value`, or `def` when `value` is no object, has no such member or one of
 // another kind. GetIntValue takes whole numbers of 32 bits only; 1.0 counts as 1.

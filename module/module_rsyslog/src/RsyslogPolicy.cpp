@@ -32,6 +32,16 @@ std::list<std::string> GetStrings(const Json::Value& content, const char* key) {
 
 }  // namespace
 
+bool SplitLogPath(const std::string& entry, path_port& out) {
+    const std::size_t colon = entry.rfind(':');
+    if (colon == std::string::npos || colon == 0) {
+        return false;
+    }
+    out.port = entry.substr(colon + 1);
+    out.path = entry.substr(0, colon);
+    return true;
+}
+
 RsyslogTaskPolicy::RsyslogTaskPolicy(const std::string& name)
     : Framework::TaskPolicy(name, Framework::kTaskPolicyClass) {}
 
@@ -95,15 +105,11 @@ bool RsyslogPolicy::ParseServerInfo(const Json::Value& content) {
 bool RsyslogPolicy::ParseLogInfo(const Json::Value& content) {
     settings_.log_path.clear();
     for (const auto& entry : GetStrings(content, "log_path")) {
-        // The last colon: a path may hold some itself.
-        const std::size_t colon = entry.rfind(':');
-        if (colon == std::string::npos || colon == 0) {
+        path_port forwarded;
+        if (!SplitLogPath(entry, forwarded)) {
             RSYSLOG_LOG(PRIO_ERROR, "invalid parameter : %s. no port", entry);
             continue;
         }
-        path_port forwarded;
-        forwarded.port = entry.substr(colon + 1);
-        forwarded.path = entry.substr(0, colon);
         RSYSLOG_LOG(PRIO_TRACE, "log_path_list %s port %s", forwarded.path, forwarded.port);
         settings_.log_path.push_back(forwarded);
     }

@@ -20,6 +20,10 @@ struct path_port {
     std::vector<std::string> servers;  // chosen by the task; empty after parsing
 };
 
+// Splits FILE:PORT at the last colon, for a path may hold some itself. False, with `out` unchanged,
+// when there is none, or nothing before it.
+bool SplitLogPath(const std::string& entry, path_port& out);
+
 // A standalone task-policy document, {"task_condition": {...}}.
 class RsyslogTaskPolicy : public Framework::TaskPolicy {
 public:

@@ -11,8 +11,11 @@
 #include "framework/Engine.h"
 #include "framework/Message.h"
 #include "module/module_procs/src/ProcsFullTask.h"
+#include "module/module_rsyslog/src/ForwardingHealth.h"
 #include "module/module_rsyslog/src/RsyslogLog.h"
 #include "module/module_rsyslog/src/RsyslogThrottle.h"
+#include "module/module_rsyslog/src/RsyslogWait.h"
+#include "module/module_rsyslog/src/SyslogDaemon.h"
 #include "sdk/BoundedString.h"
 #include "sdk/JsonUtils.h"
 #include "sdk/StringUtils.h"
@@ -74,6 +77,7 @@ int RsyslogTask::Run() {
 
 void RsyslogTask::UnInit() {
     RSYSLOG_LOG(PRIO_DEBUG, "UnInit  rsyslog task");
+    ForwardingHealth::Instance().Forget();
     Framework::Task::UnInit();
 }
 
@@ -102,7 +106,8 @@ void RsyslogTask::RunSyslogConf() {
 
 void RsyslogTask::MaintainForwarding() {
     CheckSyslogRunning();
-    if (!rsyslog_policy.is_rsyslog && !rsyslog_policy.is_syslogng) {
+    ForwardingHealth::Instance().Saw(ChosenDaemon());
+    if (ChosenDaemon() == DaemonKind::kNone) {
         SendDaemonAlarm(kNoDaemon);
         return;
     }
@@ -111,16 +116,22 @@ void RsyslogTask::MaintainForwarding() {
     if (!rsyslog_policy.need_rewrite) {
         return;
     }
-    if (!rsyslog_policy.is_rsyslog) {
-        SyslogServiceManage();
+    const auto stopping = [this] { return isCancelled(); };
+    // Before anything is written: what a stop prevents is prevented as a whole.
+    if (!AwaitRestartTurn(stopping)) {
         return;
     }
-    char include_dir[kIncludePathSize] = {};
-    if (GetIncludeConfigPath(include_dir, kIncludePathSize)) {
-        RsyslogConfRewrite(include_dir);
+    if (!rsyslog_policy.is_rsyslog) {
+        SyslogServiceManage();
     } else {
-        SendDaemonAlarm(kNoIncludeDirectory);
+        char include_dir[kIncludePathSize] = {};
+        if (GetIncludeConfigPath(include_dir, kIncludePathSize)) {
+            RsyslogConfRewrite(include_dir);
+        } else {
+            SendDaemonAlarm(kNoIncludeDirectory);
+        }
     }
+    ConfirmForwarding();
 }
 
 void RsyslogTask::SendDaemonAlarm(int code) {
@@ -144,19 +155,27 @@ void RsyslogTask::CheckSyslogRunning() {
     }
     for (const auto& [pid, process] : processes) {
         RSYSLOG_THROTTLE();
-        if (process->name.find("rsyslog") != std::string::npos) {
+        const DaemonKind kind = KindOf(process->name);
+        if (kind == DaemonKind::kRsyslog) {
             RSYSLOG_LOG(PRIO_TRACE, "find rsyslog pid %s.", std::to_string(pid));
             rsyslog_policy.is_rsyslog = true;
             return;  // is_syslogng keeps what an earlier pass found
         }
         rsyslog_policy.is_rsyslog = false;
-        if (process->name.find("syslog-ng") != std::string::npos) {
+        if (kind == DaemonKind::kSyslogng) {
             RSYSLOG_LOG(PRIO_TRACE, "find syslog-ng pid %s.", std::to_string(pid));
             rsyslog_policy.is_syslogng = true;
             return;
         }
         rsyslog_policy.is_syslogng = false;
     }
+}
+
+DaemonKind RsyslogTask::ChosenDaemon() const {
+    if (rsyslog_policy.is_rsyslog) {
+        return DaemonKind::kRsyslog;
+    }
+    return rsyslog_policy.is_syslogng ? DaemonKind::kSyslogng : DaemonKind::kNone;
 }
 
 bool RsyslogTask::SendRsyslogAlarm(int code) {

@@ -13,6 +13,7 @@
 #include "framework/AbstractMessageReceiver.h"
 #include "framework/Task.h"
 #include "module/module_rsyslog/src/RsyslogPolicy.h"
+#include "module/module_rsyslog/src/SyslogDaemon.h"
 #include "sdk/FileStamp.h"
 #include "sdk/ReadMark.h"
 
@@ -97,7 +98,7 @@ protected:
                           const std::string& hist_conf,
                           std::map<std::string, std::int64_t>::iterator& found, std::int64_t now);
 
-    // --- RsyslogTaskForwarding.cpp: servers, daemon configuration ---
+    // --- RsyslogTaskForwarding.cpp: servers, rsyslog's configuration ---
 
     // The host's IPv4 addresses in the system's order; skip_loopback leaves out 127.0.0.x, no other
     // loopback. False, with `addresses` empty, when the interfaces cannot be read.
@@ -123,9 +124,7 @@ protected:
     // must be written again. With probes, that is over TCP, a stop ends it with false.
     bool CheckSyslogNeedRewrite();
 
-    // What rsyslog's first include line names up to its "*", so its include directory with the
-    // trailing slash as a rule, into `out` of `size` bytes. False when /etc/rsyslog.conf cannot be
-    // opened or includes nothing.
+    // As FindIncludeDirectory; false when nothing is found.
     bool GetIncludeConfigPath(char* out, int size);
 
     // Appends to `out` the input and the forwarding rules of each entry, facility local<index + 1>
@@ -133,6 +132,9 @@ protected:
     void GenerateRsyslogConfContent(int index, const char* prefix, const timeval& now,
                                     std::string& out);
 
+    // The content of rsyslog's include file; false, with no use of it, for a server type of neither
+    // kind.
+    bool BuildRsyslogConf(std::string& content);
     // Writes the include file. False, with nothing written, for a server type that begins neither
     // with "tcp" nor with "udp".
     bool CreatAndWriteRsyslogConf(const char* path);
@@ -140,10 +142,6 @@ protected:
     // Replaces the include file in `include_dir` and restarts rsyslog when it was written. The old
     // file is gone also when the new one cannot be written.
     void RsyslogConfRewrite(const char* include_dir);
-
-    // Rewrites syslog-ng's configuration and its AppArmor profile; only when both were written,
-    // restarts AppArmor and the syslog service.
-    void SyslogServiceManage();
 
     // --- RsyslogTaskSyslogng.cpp: the marked blocks of syslog-ng and of its AppArmor profile ---
     // A failed step is logged and leaves the administrator's own text whole on disk, in the file
@@ -162,6 +160,12 @@ protected:
     // of the configuration, or before the last "}" of the profile. True only when written.
     bool OverWriteSyslogngConf();
     bool OverWriteSyslogngReadAuditConf();
+
+    // --- RsyslogTaskServices.cpp: restarts, and what comes of them ---
+
+    // Rewrites syslog-ng's configuration and its AppArmor profile; only when both were written,
+    // restarts AppArmor and the syslog service.
+    void SyslogServiceManage();
 
     // --- RsyslogTaskHistory.cpp: users, start-up files, history files ---
 
@@ -273,12 +277,16 @@ protected:
 private:
     // The full pass: which daemon runs, and is its configuration current?
     void MaintainForwarding();
+    // Rsyslog's configuration is the one written when both seem to run.
+    DaemonKind ChosenDaemon() const;
     void SendDaemonAlarm(int code);
     // Sets `address` to the IPv4 address of `host`, dotted or a name; false also at a stop.
     bool Resolve(const std::string& host, in_addr& address) const;
     // Runs restart commands one after the other, a minute at most; those behind one that took it
     // all get another. A stop does not wait for them.
     void Restart(std::list<std::string> commands);
+    // After a restart: does the daemon run, and does it accept its configuration?
+    void ConfirmForwarding();
     // Drops alarms from alarm_time_map, but for that under the key `latest`, that are too old to
     // suppress another.
     void ForgetOldAlarms(const std::string& latest, std::int64_t now);
@@ -321,6 +329,7 @@ private:
     };
     SessionTexts DescribeSession(const utmp_info& login);
 
+    bool restarted = false;            // and not yet confirmed
     std::size_t forget_alarms_at = 0;  // the length of alarm_time_map from which on to do so
     std::map<std::string, SDK::FileStamp> failed_files;  // by path, as they were
     SDK::ReadMark passwd_read;

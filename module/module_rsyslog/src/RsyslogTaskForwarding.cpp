@@ -6,9 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <boost/algorithm/string/join.hpp>
 #include <boost/algorithm/string/predicate.hpp>
-#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -16,6 +14,9 @@
 #include <memory>
 #include <unordered_set>
 
+#include "framework/Log.h"
+#include "module/module_rsyslog/src/ForwardingHealth.h"
+#include "module/module_rsyslog/src/RsyslogInclude.h"
 #include "module/module_rsyslog/src/RsyslogLog.h"
 #include "module/module_rsyslog/src/RsyslogTask.h"
 #include "module/module_rsyslog/src/RsyslogWait.h"
@@ -29,47 +30,6 @@ namespace {
 
 constexpr int kConnectTimeoutSeconds = 3;
 constexpr int kMaxFacility = 7;  // local7
-
-const char* const kRsyslogConf = "/etc/rsyslog.conf";
-const char* const kIncludeFile = "watchpost_rsyslog.conf";
-const char* const kIncludeDirectives[] = {"$IncludeConfig", "include(file=\""};
-constexpr std::size_t kDirectiveLength = 14;  // of both
-
-// The first line of a rsyslog configuration that includes others, from behind its directive;
-// null when there is none. `line` is the buffer the file is read with.
-const char* FindInclude(std::FILE* conf, std::vector<char>& line) {
-    while (std::fgets(line.data(), static_cast<int>(line.size()), conf) != nullptr) {
-        const char first = line[0];
-        if (first == '\0' || first == '#' || std::isspace(static_cast<unsigned char>(first)) != 0) {
-            continue;
-        }
-        line[std::strlen(line.data()) - 1] = '\0';
-        for (const char* directive : kIncludeDirectives) {
-            if (std::strncmp(line.data(), directive, kDirectiveLength) == 0) {
-                return line.data() + kDirectiveLength;
-            }
-        }
-    }
-    return nullptr;
-}
-
-// Copies the text up to the first '*' to `out`, white space before it skipped. The number of texts
-// copied, 0 leaving `out` as it was, or -1 when there is no text at all.
-int ScanDirectory(const char* text, char* out, std::size_t size) {
-    while (std::isspace(static_cast<unsigned char>(*text)) != 0) {
-        ++text;
-    }
-    if (*text == '\0') {
-        return -1;
-    }
-    const std::size_t length = std::min(std::strcspn(text, "*"), size - 1);
-    if (length == 0) {
-        return 0;
-    }
-    std::memcpy(out, text, length);
-    out[length] = '\0';
-    return 1;
-}
 
 }  // namespace
 
@@ -245,23 +205,19 @@ bool RsyslogTask::CheckSyslogNeedRewrite() {
 }
 
 bool RsyslogTask::GetIncludeConfigPath(char* out, int size) {
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> conf(
-        SDK::FileUtils::OpenStream(kRsyslogConf), &std::fclose);
-    if (conf == nullptr) {
-        std::perror("fopen");
-        return false;
+    switch (FindIncludeDirectory(out, size)) {
+        case Include::kUnreadable:
+            std::perror("fopen");
+            return false;
+        case Include::kMissing:
+            return false;
+        case Include::kEmpty:
+            RSYSLOG_LOG(PRIO_ERROR, "sscanf failed");
+            return false;
+        default:
+            RSYSLOG_LOG(PRIO_TRACE, "includeConfig_path %s.", std::string(out));
+            return true;
     }
-    std::vector<char> line(static_cast<std::size_t>(size));
-    const char* include = FindInclude(conf.get(), line);
-    if (include == nullptr) {
-        return false;
-    }
-    if (ScanDirectory(include, out, static_cast<std::size_t>(size)) == -1) {
-        RSYSLOG_LOG(PRIO_ERROR, "sscanf failed");
-        return false;
-    }
-    RSYSLOG_LOG(PRIO_TRACE, "includeConfig_path %s.", std::string(out));
-    return true;
 }
 
 void RsyslogTask::GenerateRsyslogConfContent(int index, const char* prefix, const timeval& now,
@@ -289,12 +245,8 @@ void RsyslogTask::GenerateRsyslogConfContent(int index, const char* prefix, cons
     }
 }
 
-bool RsyslogTask::CreatAndWriteRsyslogConf(const char* path) {
-    if (path == nullptr) {
-        return false;
-    }
-    RSYSLOG_LOG(PRIO_TRACE, "creat_and_write: %s", std::string(path));
-    std::string content;
+bool RsyslogTask::BuildRsyslogConf(std::string& content) {
+    content.clear();
     if (!rsyslog_policy.log_path.empty()) {
         content += "\n#### RULES ####\n\n";
         content += "module(load=\"imfile\" PollingInterval=\"10\") #needs to be done just once\n\n";
@@ -305,54 +257,47 @@ bool RsyslogTask::CreatAndWriteRsyslogConf(const char* path) {
     } else if (boost::starts_with(rsyslog_policy.server_type, "udp")) {
         prefix = "@";
     } else {
-        RSYSLOG_LOG(PRIO_ERROR, "server_type not tcp or udp, %s", rsyslog_policy.server_type);
         return false;
     }
     timeval now = {};
     gettimeofday(&now, nullptr);
     GenerateRsyslogConfContent(0, prefix, now, content);
+    return true;
+}
+
+bool RsyslogTask::CreatAndWriteRsyslogConf(const char* path) {
+    if (path == nullptr) {
+        return false;
+    }
+    RSYSLOG_LOG(PRIO_TRACE, "creat_and_write: %s", std::string(path));
+    std::string content;
+    if (!BuildRsyslogConf(content)) {
+        RSYSLOG_LOG(PRIO_ERROR, "server_type not tcp or udp, %s", rsyslog_policy.server_type);
+        return false;
+    }
     RSYSLOG_LOG(PRIO_TRACE, "all msg: %s", content);
     if (SDK::FileUtils::WriteFile(path, content, false) != 0) {
         RSYSLOG_LOG(PRIO_ERROR, "rsyslog write [%s] failed.", std::string(path));
         return false;
     }
+    ForwardingHealth::Instance().Wrote(path);
+    Framework::Log().information("the forwarding was written to " + std::string(path));
     return true;
 }
 
 void RsyslogTask::RsyslogConfRewrite(const char* include_dir) {
-    rsyslog_conf_file = std::string(include_dir) + kIncludeFile;
+    rsyslog_conf_file = std::string(include_dir) + kRsyslogIncludeFile;
     RSYSLOG_LOG(PRIO_TRACE, "rsyslog include conf: %s", rsyslog_conf_file);
     if (std::remove(rsyslog_conf_file.c_str()) != 0) {
         RSYSLOG_LOG(PRIO_TRACE, "remove conf %s failed.", rsyslog_conf_file);
     } else {
         RSYSLOG_LOG(PRIO_TRACE, "remove conf: %s", rsyslog_conf_file);
+        Framework::Log().information("the forwarding in " + rsyslog_conf_file + " was removed");
     }
     if (CreatAndWriteRsyslogConf(rsyslog_conf_file.c_str())) {
-        Restart({"service rsyslog restart"});
+        Restart({kRestartRsyslog});
         RSYSLOG_LOG(PRIO_TRACE, "run cmd: service rsyslog restart");
     }
-}
-
-void RsyslogTask::Restart(std::list<std::string> commands) {
-    // A daemon must not keep the agent's log or sockets open, nor take over its tight umask.
-    close_range(3, ~0U, CLOSE_RANGE_CLOEXEC);
-    for (; !commands.empty(); commands.pop_front()) {
-        // In one shell, to which a stop leaves them in their order.
-        const std::string line = boost::algorithm::join(commands, "; ");
-        if (RunCommand("umask 022; " + line, [this] { return isCancelled(); }) !=
-            Outcome::kFailed) {
-            return;
-        }
-        RSYSLOG_LOG(PRIO_ERROR, "[%s] could not be run to its end", line);
-    }
-}
-
-void RsyslogTask::SyslogServiceManage() {
-    if (!OverWriteSyslogngConf() || !OverWriteSyslogngReadAuditConf()) {
-        return;
-    }
-    Restart({"rcapparmor restart", "service syslog restart"});
-    RSYSLOG_LOG(PRIO_TRACE, "run cmd: rcapparmor restart & service syslog restart");
 }
 
 }  // namespace Engine

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <spawn.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,6 +11,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <deque>
 #include <future>
 #include <memory>
 #include <optional>
@@ -17,6 +19,8 @@
 #include <thread>
 #include <utility>
 #include <vector>
+
+#include "sdk/Descriptor.h"
 
 namespace Engine {
 
@@ -28,15 +32,17 @@ constexpr std::chrono::seconds kCommandPatience{60};
 constexpr std::chrono::seconds kTermPatience{1};
 constexpr std::chrono::milliseconds kPause{20};
 
+constexpr std::size_t kMaxOutput = 16384;
+constexpr std::chrono::seconds kRestartSpan{10};
+constexpr std::size_t kRestartsInSpan = 3;
+
 // Commands that a stop left running.
 std::vector<pid_t> left_running;
+std::deque<Clock::time_point> restarts;  // the last ones
 
-bool HasEnded(pid_t process) {
-    return waitpid(process, nullptr, WNOHANG) != 0;
-}
-
-bool AwaitEnd(pid_t process, Clock::time_point end, const std::function<bool()>& stopping) {
-    while (!HasEnded(process)) {
+bool AwaitEnd(pid_t process, Clock::time_point end, const std::function<bool()>& stopping,
+              int* status = nullptr) {
+    while (waitpid(process, status, WNOHANG) == 0) {
         if (stopping() || Clock::now() >= end) {
             return false;
         }
@@ -46,7 +52,8 @@ bool AwaitEnd(pid_t process, Clock::time_point end, const std::function<bool()>&
 }
 
 // Without the terminal, which would stop a background process group that reads it.
-pid_t Start(const std::string& command) {
+// `output`: where its own goes, -1: where the agent's goes.
+pid_t Start(const std::string& command, int output) {
     posix_spawnattr_t attributes;
     posix_spawn_file_actions_t actions;
     if (posix_spawnattr_init(&attributes) != 0) {
@@ -61,6 +68,11 @@ pid_t Start(const std::string& command) {
     posix_spawnattr_setsigmask(&attributes, &none);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK);
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    for (const int stream : {STDOUT_FILENO, STDERR_FILENO}) {
+        if (output >= 0) {
+            posix_spawn_file_actions_adddup2(&actions, output, stream);
+        }
+    }
     std::string text = command;
     char shell[] = "sh";
     char option[] = "-c";
@@ -81,6 +93,13 @@ void End(pid_t process) {
     }
 }
 
+std::string ReadAll(int file) {
+    std::string text(kMaxOutput, '\0');
+    const ssize_t length = pread(file, text.data(), text.size(), 0);
+    text.resize(length < 0 ? 0 : static_cast<std::size_t>(length));
+    return text;
+}
+
 // As gethostbyname, from any thread.
 std::optional<in_addr> LookUp(const std::string& host) {
     std::vector<char> buffer(1024);
@@ -99,24 +118,27 @@ std::optional<in_addr> LookUp(const std::string& host) {
     return address;
 }
 
-}  // namespace
-
-Outcome RunCommand(const std::string& command, const std::function<bool()>& stopping) {
+Outcome Run(const std::string& command, const std::function<bool()>& stopping, int output,
+            int& exit_status) {
     // Two at once could restart the same daemon. All together have a minute.
     const auto end = Clock::now() + kCommandPatience;
     for (const pid_t process : std::exchange(left_running, {})) {
         if (!AwaitEnd(process, end, stopping)) {
             stopping() ? left_running.push_back(process) : End(process);
+        } else {
+            NoteRestart();
         }
     }
     if (!left_running.empty()) {
         return Outcome::kStopped;
     }
-    const pid_t process = Start(command);
+    const pid_t process = Start(command, output);
     if (process < 0) {
         return Outcome::kFailed;
     }
-    if (AwaitEnd(process, Clock::now() + kCommandPatience, stopping)) {
+    int status = 0;
+    if (AwaitEnd(process, Clock::now() + kCommandPatience, stopping, &status)) {
+        exit_status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
         return Outcome::kDone;
     }
     if (stopping()) {
@@ -126,6 +148,40 @@ Outcome RunCommand(const std::string& command, const std::function<bool()>& stop
     }
     End(process);
     return Outcome::kFailed;
+}
+
+}  // namespace
+
+Outcome RunCommand(const std::string& command, const std::function<bool()>& stopping, int& status) {
+    return Run(command, stopping, -1, status);
+}
+
+Outcome RunCommand(const std::string& command, const std::function<bool()>& stopping, int& status,
+                   std::string& output) {
+    SDK::Descriptor file;
+    if (file.Reset(memfd_create("output", MFD_CLOEXEC)) != 0) {
+        return Outcome::kFailed;
+    }
+    const Outcome outcome = Run("ulimit -f 2048; " + command, stopping, file.Get(), status);
+    output = outcome == Outcome::kDone ? ReadAll(file.Get()) : "";
+    return outcome;
+}
+
+bool AwaitRestartTurn(const std::function<bool()>& stopping) {
+    while (restarts.size() >= kRestartsInSpan && Clock::now() - restarts.front() <= kRestartSpan) {
+        if (stopping()) {
+            return false;
+        }
+        std::this_thread::sleep_for(kPause);
+    }
+    return true;
+}
+
+void NoteRestart() {
+    restarts.push_back(Clock::now());
+    if (restarts.size() > kRestartsInSpan) {
+        restarts.pop_front();
+    }
 }
 
 Outcome LookUpHost(const std::string& host, in_addr& out, const std::function<bool()>& stopping) {

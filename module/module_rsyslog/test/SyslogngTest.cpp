@@ -99,7 +99,8 @@ TEST(Syslogng, FailuresKeepTheText) {
         {"truncate -s 10485761 " + kProfile, "3 read sbin.syslog-ng failed.", conf + kBlock,
          profile + std::string(10485761 - profile.size(), '\0')},
         {"echo text >" + kProfile, "3 not find }", conf + kBlock, "text\n"},
-        {"rm -r " + kBackups, "3 backup syslog-ng.conf failed.", conf, profile},
+        {"rm -r " + kBackups + " && touch " + kBackups, "3 backup syslog-ng.conf failed.", conf,
+         profile},
         {read_only("/etc/syslog-ng"), "3 write syslog-ng.conf failed.", conf, profile},
         {full_disk("/etc/syslog-ng", kConf), "3 write syslog-ng.conf failed.", conf, profile},
         {read_only("/etc/apparmor.d"), "3 write sbin.syslog-ng failed.", conf + kBlock, profile},
@@ -121,7 +122,8 @@ TEST(Syslogng, FailuresKeepTheText) {
         EXPECT_EQ(1, log.Errors());
         EXPECT_TRUE(c.conf_after == ReadText(kConf));
         EXPECT_TRUE(c.profile_after == ReadText(kProfile));
-        Shell("umount -q /etc/syslog-ng /etc/apparmor.d; true");
+        Shell("[ -d " + kBackups + " ] || rm " + kBackups +
+              "; umount -q /etc/syslog-ng /etc/apparmor.d; true");
     }
     EXPECT_EQ("", ReadText("/run/service.log") + ReadText("/run/rcapparmor.log"));
 }

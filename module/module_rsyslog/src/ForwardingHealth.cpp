@@ -1,0 +1,91 @@
+#include "module/module_rsyslog/src/ForwardingHealth.h"
+
+namespace Engine {
+
+namespace {
+
+constexpr std::int64_t kLookPause = 100;  // tenths of a second
+
+}  // namespace
+
+ForwardingHealth& ForwardingHealth::Instance() {
+    static ForwardingHealth health;
+    return health;
+}
+
+void ForwardingHealth::Saw(DaemonKind kind) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    known_ = true;
+    wanted_ = kind;
+}
+
+void ForwardingHealth::Wrote(const std::string& path) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    path_ = path;
+    stamp_ = SDK::FileStamp::Of(path.c_str());
+    written_ = SinceBoot();
+    verdict_ = {};
+    looked_ = 0;
+}
+
+void ForwardingHealth::Judged(const Framework::Verdict& verdict) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    verdict_ = verdict;
+    looked_ = 0;
+}
+
+void ForwardingHealth::Forget() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    known_ = false;
+    path_.clear();
+    verdict_ = {};
+}
+
+void ForwardingHealth::Look() {
+    const std::int64_t now = SinceBoot();
+    const bool alive = started_ >= 0 && daemon_.Started() == started_;
+    if (alive || (looked_ > 0 && now - looked_ < kLookPause)) {
+        if (!alive) {
+            started_ = -1;
+        }
+        return;
+    }
+    looked_ = now;
+    daemon_ = FindDaemon();
+    started_ = daemon_.kind == DaemonKind::kNone ? -1 : daemon_.Started();
+}
+
+bool ForwardingHealth::Holds(std::string& why_not) const {
+    if (SDK::FileStamp::Of(path_.c_str()) != stamp_) {
+        why_not = path_ + " has been changed or removed since the agent wrote it";
+    } else if (started_ < written_) {
+        why_not = "it has not been restarted since " + path_ + " was written";
+    } else if (verdict_.asked && !verdict_.accepted) {
+        why_not = "it finds fault with its configuration: " + verdict_.words;
+    }
+    return why_not.empty();
+}
+
+std::vector<Framework::Condition> ForwardingHealth::Conditions() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (!known_) {
+        return {};
+    }
+    Look();
+    if (started_ < 0) {
+        const bool wanted = wanted_ != DaemonKind::kNone;
+        return {{wanted ? Name(wanted_) : "syslog daemon", false, "does not run"}};
+    }
+    const std::string subject = Name(daemon_.kind);
+    const std::string runs = "runs as process " + std::to_string(daemon_.process);
+    std::string why_not;
+    if (path_.empty()) {
+        return {{subject, true, runs}};
+    }
+    if (!Holds(why_not)) {
+        return {{subject, false, runs + ", but " + why_not}};
+    }
+    return {{subject, true, runs + " and holds the configuration that the agent has written"}};
+}
+
+}  // namespace Engine

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "framework/HostChange.h"
+#include "module/module_rsyslog/src/SyslogDaemon.h"
+#include "sdk/FileStamp.h"
+
+namespace Engine {
+
+// Whether the host's syslog daemon runs, and under the configuration that was last written for it.
+// One for the process, as there is one daemon. Any thread.
+class ForwardingHealth {
+public:
+    static ForwardingHealth& Instance();
+
+    // A full pass has found that daemon, or none.
+    void Saw(DaemonKind kind);
+    // The file has been written for the daemon; what was written before no longer counts.
+    void Wrote(const std::string& path);
+    // What the daemon says of it.
+    void Judged(const Framework::Verdict& verdict);
+    // No task looks after the forwarding any more.
+    void Forget();
+
+    // Nothing before the first full pass. Looks for the daemon's process again, once in ten seconds
+    // at most, when the one known is gone.
+    std::vector<Framework::Condition> Conditions();
+
+private:
+    bool Holds(std::string& why_not) const;
+    void Look();
+
+    std::mutex mutex_;  // guards the rest
+    bool known_ = false;
+    DaemonKind wanted_ = DaemonKind::kNone;
+    SyslogDaemon daemon_;
+    std::int64_t started_ = -1;  // of daemon_'s process
+    std::int64_t looked_ = 0;    // since boot, in tenths of a second, as the next
+    std::int64_t written_ = -1;
+    std::string path_;  // empty: nothing written
+    SDK::FileStamp stamp_;
+    Framework::Verdict verdict_;
+};
+
+}  // namespace Engine

@@ -1,0 +1,182 @@
+#include "module/module_rsyslog/src/ForwardingPlan.h"
+
+#include <Poco/AutoPtr.h>
+#include <Poco/Exception.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <boost/algorithm/string/join.hpp>
+#include <boost/algorithm/string/predicate.hpp>
+#include <cerrno>
+#include <cstring>
+#include <list>
+#include <utility>
+
+#include "module/module_rsyslog/src/MarkedBlock.h"
+#include "module/module_rsyslog/src/RsyslogInclude.h"
+#include "module/module_rsyslog/src/RsyslogTask.h"
+#include "module/module_rsyslog/src/RsyslogWait.h"
+#include "module/module_rsyslog/src/SyslogDaemon.h"
+#include "sdk/FileUtils.h"
+
+namespace Engine {
+
+namespace {
+
+using Framework::FileChange;
+using Framework::HostChange;
+
+constexpr int kIncludePathSize = 1024;
+
+// The file as it is.
+FileChange Read(const std::string& path) {
+    FileChange file;
+    file.path = path;
+    const int error = SDK::FileUtils::ReadFile(path, file.before, kMaxConfSize);
+    file.existed = error == 0;
+    if (error != 0 && error != ENOENT && error != ENOTDIR) {
+        throw Poco::FileException(path + ": " + std::strerror(error));
+    }
+    file.after = file.before;
+    return file;
+}
+
+// The very task, to be asked for the texts that it writes.
+class Planner : public RsyslogTask {
+public:
+    explicit Planner(const RsyslogPolicy::RSYSLOG_POLICY& settings) { rsyslog_policy = settings; }
+
+    HostChange Plan() {
+        CheckSyslogRunning();
+        // Over TCP servers are probed, for seconds each, and none is ever taken.
+        if (boost::starts_with(rsyslog_policy.server_type, "tcp") || !CheckSyslogNeedRewrite()) {
+            return {};
+        }
+        if (rsyslog_policy.is_rsyslog) {
+            return PlanRsyslog();
+        }
+        return rsyslog_policy.is_syslogng ? PlanSyslogng() : HostChange();
+    }
+
+protected:
+    ~Planner() override = default;
+
+private:
+    HostChange PlanRsyslog() {
+        char include_dir[kIncludePathSize] = {};
+        if (FindIncludeDirectory(include_dir, kIncludePathSize) != Include::kFound) {
+            return {};
+        }
+        HostChange plan;
+        FileChange file = Read(std::string(include_dir) + kRsyslogIncludeFile);
+        file.remains = BuildRsyslogConf(file.after);
+        if (file.existed || file.remains) {
+            plan.files.push_back(file);
+        }
+        if (file.remains) {
+            plan.commands = {kRestartRsyslog};
+            plan.verdicts = AskAbout(DaemonKind::kRsyslog, plan.files);
+        }
+        return plan;
+    }
+
+    HostChange PlanSyslogng() {
+        HostChange plan;
+        if (!BuildSyslogngBlock(plan)) {
+            return plan;
+        }
+        FileChange profile = Read(kSyslogngProfile.path);
+        CutBlock(profile.after);
+        if (AddProfileBlock(rsyslog_policy.log_path, profile.after)) {
+            plan.files.push_back(profile);
+            plan.commands = {kRestartAppArmor, kRestartSyslog};
+        }
+        plan.verdicts = AskAbout(DaemonKind::kSyslogng, plan.files);
+        return plan;
+    }
+
+    bool BuildSyslogngBlock(HostChange& plan) {
+        FileChange conf = Read(kSyslogngConf.path);
+        std::string unused;
+        if (!conf.existed || !BuildRsyslogConf(unused)) {  // the same server types
+            return false;
+        }
+        std::string block;
+        GenerateSyslogngConfContent(0, 0, block);
+        CutBlock(conf.after);
+        conf.after += block;
+        plan.files.push_back(conf);
+        return true;
+    }
+};
+
+// The block taken out, if that can be done without a loss.
+void AddCut(const MarkedFile& marked, std::vector<FileChange>& files) {
+    FileChange file = Read(marked.path);
+    const std::size_t begin = file.after.find(kBlockBegin);
+    const std::size_t end = file.after.rfind(kBlockEnd);
+    if (begin == std::string::npos && end == std::string::npos) {
+        return;
+    }
+    if (begin == std::string::npos || end == std::string::npos || end < begin) {
+        throw Poco::DataException(marked.path +
+                                  " holds one marker of our part without the other: take out by "
+                                  "hand what is left of it");
+    }
+    CutBlock(file.after);
+    files.push_back(file);
+}
+
+void Apply(const FileChange& file) {
+    const int error = file.remains ? SDK::FileUtils::WriteFile(file.path, file.after, false)
+                                   : (unlink(file.path.c_str()) == 0 ? 0 : errno);
+    if (error != 0) {
+        throw Poco::FileException(file.path + ": " + std::strerror(error));
+    }
+}
+
+}  // namespace
+
+HostChange PlanForwarding(const RsyslogPolicy::RSYSLOG_POLICY& settings) {
+    Poco::AutoPtr<Planner> planner(new Planner(settings));
+    return planner->Plan();
+}
+
+HostChange RestoreForwarding(bool planned_only) {
+    HostChange change;
+    for (const auto& directory : FindIncludeDirectories()) {
+        FileChange file = Read(directory + kRsyslogIncludeFile);
+        file.remains = false;
+        file.after.clear();
+        if (file.existed) {
+            change.files.push_back(file);
+        }
+    }
+    const bool of_rsyslog = !change.files.empty();
+    AddCut(kSyslogngConf, change.files);
+    AddCut(kSyslogngProfile, change.files);
+    const bool of_syslogng = change.files.size() > (of_rsyslog ? 1U : 0U);
+
+    const DaemonKind running = FindDaemon().kind;
+    if (running == DaemonKind::kRsyslog && of_rsyslog) {
+        change.commands = {kRestartRsyslog};
+    } else if (running == DaemonKind::kSyslogng && of_syslogng) {
+        change.commands = {kRestartAppArmor, kRestartSyslog};
+    }
+    if (planned_only) {
+        return change;
+    }
+    std::for_each(change.files.begin(), change.files.end(), Apply);
+    if (!change.commands.empty()) {
+        int status = 0;
+        const std::string line = boost::algorithm::join(change.commands, "; ");
+        if (RunCommand(
+                "umask 022; " + line, [] { return false; }, status) != Outcome::kDone ||
+            status != 0) {
+            throw Poco::RuntimeException("[" + line + "] failed: restart the daemon yourself");
+        }
+    }
+    return change;
+}
+
+}  // namespace Engine

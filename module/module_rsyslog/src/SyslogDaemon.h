@@ -1,0 +1,51 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "framework/HostChange.h"
+
+namespace Engine {
+
+constexpr const char* kRestartRsyslog = "service rsyslog restart";
+constexpr const char* kRestartAppArmor = "rcapparmor restart";
+constexpr const char* kRestartSyslog = "service syslog restart";
+
+enum class DaemonKind { kNone, kRsyslog, kSyslogng };
+
+// "rsyslog", "syslog-ng" or "no syslog daemon".
+const char* Name(DaemonKind kind);
+
+// What the name of a process makes of it.
+DaemonKind KindOf(const std::string& process_name);
+
+// The process that decides which daemon is configured: the first one, by number, whose name tells.
+struct SyslogDaemon {
+    DaemonKind kind = DaemonKind::kNone;
+    int process = 0;
+    std::string name;
+
+    // Tenths of a second from the system's boot to the start of the process, whatever becomes of
+    // the clock; -1 when it is gone.
+    std::int64_t Started() const;
+};
+
+// Of the processes as they are now; none where module_procs is not loaded. Any thread.
+SyslogDaemon FindDaemon();
+
+// Tenths of a second since the system's boot.
+std::int64_t SinceBoot();
+
+// What the daemon says of its configuration as it stands. Waits for the answer, a minute at most; a
+// stop ends that, and it then counts as not asked.
+Framework::Verdict AskDaemon(DaemonKind kind, const std::function<bool()>& stopping);
+
+// The same, and for syslog-ng also of its AppArmor profile, once `changes` were made: they are in
+// place for the programs asked and nobody else. Needs the right to have mounts of one's own, as
+// root or as anybody whom the system allows a user namespace.
+std::vector<Framework::Verdict> AskAbout(DaemonKind kind,
+                                         const std::vector<Framework::FileChange>& changes);
+
+}  // namespace Engine
