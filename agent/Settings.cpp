@@ -39,10 +39,11 @@ const Kind kPercent{"a number from 0 to 100", [](const std::string& value) {
                                std::stoi(value) <= 100;
                     }};
 
-// Null stands for what a setting does not have: an option, an argument and with it a kind, a key of
-// the configuration file, a default.
+// Null stands for what a setting does not have: an option and those who take it, an argument and
+// with it a kind, a key of the configuration file, a default.
 struct Setting {
     const char* option;
+    const char* takers;  // names of commands, and "agent"
     const char* argument;
     const Kind* kind;
     const char* key;
@@ -53,22 +54,31 @@ struct Setting {
 };
 
 const Setting kSettings[] = {
-    {"config", "FILE", &kPath, nullptr, nullptr, "configuration file, lines of KEY = VALUE"},
-    {"module-dir", "DIR", &kPath, "module.dir", "/usr/local/watchpost/module",
+    {"config", "agent status", "FILE", &kPath, nullptr, nullptr,
+     "configuration file, lines of KEY = VALUE"},
+    {"module-dir", "agent", "DIR", &kPath, "module.dir", "/usr/local/watchpost/module",
      "directory of the modules, *.so"},
-    {"policy-dir", "DIR", &kPath, "policy.dir", "/usr/local/watchpost/policy",
+    {"policy-dir", "agent", "DIR", &kPath, "policy.dir", "/usr/local/watchpost/policy",
      "directory of the policy files, *.json"},
-    {"log-dir", "DIR", &kPath, "log.dir", "/usr/local/watchpost/log",
+    {"log-dir", "agent", "DIR", &kPath, "log.dir", "/usr/local/watchpost/log",
      "directory of the log and of local records"},
-    {"report", "FILE", &kPath, "report.file", nullptr,
+    {"report", "agent", "FILE", &kPath, "report.file", nullptr,
      "report file, default LOGDIR/watchpost_report.jsonl"},
-    {"log-level", "LEVEL", &kLevel, "log.level", "information", kLevel.allowed},
-    {nullptr, nullptr, &kPercent, "cpu.limit.percent", "0", nullptr},
-    {"pidfile", "FILE", &kPath, nullptr, nullptr, "file that names the process while it runs"},
-    {"daemon", nullptr, nullptr, nullptr, nullptr, "run in the background"},
-    {"version", nullptr, nullptr, nullptr, nullptr, "print the version"},
-    {"help", nullptr, nullptr, nullptr, nullptr, "print this help"},
+    {"log-level", "agent", "LEVEL", &kLevel, "log.level", "information", kLevel.allowed},
+    {nullptr, nullptr, nullptr, &kPercent, "cpu.limit.percent", "0", nullptr},
+    {nullptr, nullptr, nullptr, &kPath, "status.file", "/run/watchpost/status.json", nullptr},
+    {"pidfile", "agent", "FILE", &kPath, nullptr, nullptr,
+     "file that names the process while it runs"},
+    {"daemon", "agent", nullptr, nullptr, nullptr, nullptr, "run in the background"},
+    {"json", "status", nullptr, nullptr, nullptr, nullptr, "print JSON"},
+    {"version", "agent", nullptr, nullptr, nullptr, nullptr, "print the version"},
+    {"help", "agent status", nullptr, nullptr, nullptr, nullptr, "print this help"},
 };
+
+bool Takes(const std::string& taker, const Setting& setting) {
+    return setting.option != nullptr &&
+           (std::string(" ") + setting.takers + " ").find(" " + taker + " ") != std::string::npos;
+}
 
 // The setting whose `member`, option or key, is `name`; null when there is none.
 const Setting* Find(const char* Setting::*member, const std::string& name) {
@@ -94,9 +104,9 @@ std::string Checked(const Setting& setting, const std::string& value, int status
 
 }  // namespace
 
-void Settings::DefineOptions(Poco::Util::OptionSet& options) {
+void Settings::DefineOptions(const std::string& taker, Poco::Util::OptionSet& options) {
     for (const Setting& setting : kSettings) {
-        if (setting.option == nullptr) {
+        if (!Takes(taker, setting)) {
             continue;
         }
         Poco::Util::Option option(setting.option, "", setting.description);

@@ -5,13 +5,14 @@
 #include <map>
 #include <string>
 
-// What the agent can be told, on the command line and in its configuration file. A value is
-// checked when it is taken, and a path is made absolute then: a daemon's working directory changes
-// later. Main thread only.
+// What the agent and its commands can be told, on the command line and in its configuration file. A
+// value is checked when it is taken, and a path is made absolute then: a daemon's working directory
+// changes later. Main thread only.
 class Settings {
 public:
-    // Every option of the command line; whoever processes them calls SetOption with each.
-    static void DefineOptions(Poco::Util::OptionSet& options);
+    // Every option that `taker` takes, the name of a command or "agent"; whoever processes them
+    // calls SetOption with each.
+    static void DefineOptions(const std::string& taker, Poco::Util::OptionSet& options);
 
     // Takes an option by its full name. Throws StartError, EX_USAGE, for a bad value.
     void SetOption(const std::string& option, const std::string& value);

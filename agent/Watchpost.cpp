@@ -11,10 +11,12 @@
 #include <cctype>
 #include <cerrno>
 #include <cstring>
-#include <functional>
+#include <iomanip>
 #include <iostream>
+#include <iterator>
 #include <sstream>
 
+#include "agent/Commands.h"
 #include "agent/Daemon.h"
 #include "agent/PidFile.h"
 #include "agent/PolicyDirectory.h"
@@ -25,9 +27,23 @@
 #include "sdk/InnerCpuCtrlUtils.h"
 #include "sdk/LoggerUtils.h"
 
+// A command, under its first argument.
+struct Command {
+    const char* name;
+    const char* usage;
+    const char* description;
+    int (*run)(Watchpost& engine, const Settings& settings,
+               const std::vector<std::string>& arguments);
+};
+
 namespace {
 
+const Command kCommands[] = {
+    {"status", "[OPTION]...", "Tells how the running agent fares.", Commands::Status},
+};
+
 const char* const kHome = "/usr/local/watchpost";
+const char* const kConfiguration = "/usr/local/watchpost/conf/watchpost.properties";
 // The policy type under which the documents of the policy directory are delivered.
 const char* const kPolicyType = "10001";
 
@@ -43,32 +59,6 @@ struct StopAtExit {
     }
 };
 
-// Tells standard error of a start that failed: one line, whatever the text quotes.
-int Tell(int status, std::string text) {
-    if (status == Watchpost::EXIT_USAGE) {
-        text += "; see watchpost --help";
-    }
-    std::replace_if(
-        text.begin(), text.end(), [](unsigned char c) { return std::iscntrl(c) != 0; }, '?');
-    std::cerr << "watchpost: " << text << std::endl;
-    return status;
-}
-
-// Runs `step` for its exit status, which is that of the fault when it throws.
-int Told(const std::function<int()>& step) {
-    try {
-        return step();
-    } catch (const StartError& e) {
-        return Tell(e.status, e.text);
-    } catch (const Poco::Util::OptionException& e) {
-        return Tell(Watchpost::EXIT_USAGE, e.displayText());
-    } catch (const Poco::Exception& e) {
-        return Tell(Watchpost::EXIT_OSERR, e.displayText());
-    } catch (const std::exception& e) {
-        return Tell(Watchpost::EXIT_OSERR, e.what());
-    }
-}
-
 }  // namespace
 
 Watchpost::Watchpost() {
@@ -77,9 +67,45 @@ Watchpost::Watchpost() {
     setUnixOptions(true);
 }
 
+// One line, whatever the text quotes.
+int Watchpost::Tell(int status, std::string text) const {
+    if (status == EXIT_USAGE) {
+        text += std::string("; see watchpost ") +
+                (command_ != nullptr ? command_->name + std::string(" ") : "") + "--help";
+    }
+    std::replace_if(
+        text.begin(), text.end(), [](unsigned char c) { return std::iscntrl(c) != 0; }, '?');
+    std::cerr << "watchpost: " << text << std::endl;
+    return status;
+}
+
+int Watchpost::Told(const std::function<int()>& step) const {
+    try {
+        return step();
+    } catch (const StartError& e) {
+        return Tell(e.status, e.text);
+    } catch (const Poco::Util::OptionException& e) {
+        return Tell(EXIT_USAGE, e.displayText());
+    } catch (const Poco::Exception& e) {
+        return Tell(EXIT_OSERR, e.displayText());
+    } catch (const std::exception& e) {
+        return Tell(EXIT_OSERR, e.what());
+    }
+}
+
 int Watchpost::Launch(const std::vector<std::string>& arguments) {
     return Told([&] {
-        init(arguments);
+        std::vector<std::string> rest = arguments;
+        if (rest.size() > 1 && rest[1].rfind('-', 0) != 0) {
+            command_ = std::find_if(std::begin(kCommands), std::end(kCommands),
+                                    [&](const Command& each) { return rest[1] == each.name; });
+            if (command_ == std::end(kCommands)) {
+                command_ = nullptr;
+                throw StartError{EXIT_USAGE, "unknown command " + rest[1]};
+            }
+            rest.erase(rest.begin() + 1);
+        }
+        init(rest);
         // Not run(arguments), which has options and a --daemon of its own.
         return ServerApplication::run();
     });
@@ -87,7 +113,7 @@ int Watchpost::Launch(const std::vector<std::string>& arguments) {
 
 void Watchpost::defineOptions(Poco::Util::OptionSet& options) {
     // Not the base's: its --umask would open the record logs to others.
-    Settings::DefineOptions(options);
+    Settings::DefineOptions(command_ != nullptr ? command_->name : "agent", options);
 }
 
 void Watchpost::handleOption(const std::string& name, const std::string& value) {
@@ -100,11 +126,20 @@ void Watchpost::handleOption(const std::string& name, const std::string& value) 
 std::string Watchpost::Help() const {
     Poco::Util::HelpFormatter formatter(options());
     formatter.setUnixStyle(true);
-    formatter.setCommand("watchpost");
-    formatter.setUsage("[OPTION]...");
-    formatter.setHeader("Host-security agent. Defaults are below " + std::string(kHome) + ".");
+    formatter.setCommand(std::string("watchpost") +
+                         (command_ != nullptr ? std::string(" ") + command_->name : ""));
+    formatter.setUsage(command_ != nullptr ? command_->usage : "[COMMAND] [OPTION]...");
+    formatter.setHeader(command_ != nullptr ? command_->description
+                                            : "Host-security agent. Defaults are below " +
+                                                  std::string(kHome) + ".");
     std::ostringstream text;
     formatter.format(text);
+    if (command_ == nullptr) {
+        text << "\nCommands, each with a --help of its own; without one, the agent runs:\n";
+        for (const Command& each : kCommands) {
+            text << "  " << std::left << std::setw(10) << each.name << each.description << '\n';
+        }
+    }
     return text.str();
 }
 
@@ -115,11 +150,23 @@ int Watchpost::main(const std::vector<std::string>& arguments) {
                       << std::flush;
             return static_cast<int>(EXIT_OK);
         }
+        if (command_ != nullptr) {
+            return RunCommand(arguments);
+        }
         if (!arguments.empty()) {
             throw StartError{EXIT_USAGE, "unexpected argument " + arguments.front()};
         }
         return Serve();
     });
+}
+
+int Watchpost::RunCommand(const std::vector<std::string>& arguments) {
+    // What loggers say, those of modules included, is for the log of the agent.
+    Poco::Logger::root();
+    Poco::Logger::setChannel("", nullptr);
+    Poco::Logger::setLevel("", 0);
+    settings_.ReadFile(kConfiguration);
+    return command_->run(*this, settings_, arguments);
 }
 
 std::string Watchpost::Directory(const std::string& key) const {
@@ -155,7 +202,8 @@ void Watchpost::OpenLog() const {
 }
 
 int Watchpost::Serve() {
-    settings_.ReadFile(std::string(kHome) + "/conf/watchpost.properties");
+    Signals::Install();
+    settings_.ReadFile(kConfiguration);
     if (settings_.IsSet("daemon")) {
         Daemon::Enter();
     }

@@ -2,19 +2,22 @@
 
 #include <Poco/Util/OptionSet.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "agent/Settings.h"
 #include "framework/Engine.h"
 
-// The agent: the order in which its pieces start and stop.
+struct Command;
+
+// The application: the agent, whose pieces it starts and stops in their order, or one command.
 class Watchpost : public Framework::Engine {
 public:
     Watchpost();
 
-    // The whole life of the agent, which ends with its exit status. `arguments`: the command line,
-    // the program first. A start that fails is one line on standard error.
+    // The whole life of the agent or the command, which ends with its exit status. `arguments`: the
+    // command line, the program first. A start that fails is one line on standard error.
     int Launch(const std::vector<std::string>& arguments);
 
 protected:
@@ -23,12 +26,17 @@ protected:
     int main(const std::vector<std::string>& arguments) override;
 
 private:
+    // Runs `step` for its exit status, which is that of the fault when it throws.
+    int Told(const std::function<int()>& step) const;
+    int Tell(int status, std::string text) const;
     std::string Help() const;
     std::string Directory(const std::string& key) const;
     // Keeps a second agent away from the log and the reports of this one.
     void LockDirectory() const;
     void OpenLog() const;
     int Serve();
+    int RunCommand(const std::vector<std::string>& arguments);
 
+    const Command* command_ = nullptr;  // null for the agent
     Settings settings_;
 };

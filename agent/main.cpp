@@ -4,7 +4,6 @@
 #include <string>
 #include <vector>
 
-#include "agent/Signals.h"
 #include "agent/Watchpost.h"
 
 int main(int argc, char** argv) {
@@ -16,7 +15,6 @@ int main(int argc, char** argv) {
             break;
         }
     }
-    Signals::Install();
-    Watchpost agent;
-    return agent.Launch(std::vector<std::string>(argv, argv + argc));
+    Watchpost application;
+    return application.Launch(std::vector<std::string>(argv, argv + argc));
 }

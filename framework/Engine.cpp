@@ -98,19 +98,20 @@ void Engine::ReportUnknownReceiver(const std::string& name) {
     }
 }
 
-void Engine::LoadModules(const std::string& directory) {
+void Engine::LoadModules(const std::string& directory, bool initialise) {
     std::set<std::string> paths;
     for (Poco::DirectoryIterator entry(directory), end; entry != end; ++entry) {
         if (entry.path().getExtension() == "so") {
             paths.insert(entry.path().toString());
         }
     }
+    initialised_ = initialise;
     for (const auto& path : paths) {
-        LoadModule(path);
+        LoadModule(path, initialise);
     }
 }
 
-void Engine::LoadModule(const std::string& path) {
+void Engine::LoadModule(const std::string& path, bool initialise) {
     // Destroying a Poco::SharedLibrary leaves the library mapped: code of a module may run until
     // the process ends.
     const std::size_t before = modules_.size();
@@ -122,8 +123,11 @@ void Engine::LoadModule(const std::string& path) {
         if (!module) {
             throw Poco::NullPointerException("CreateModule returned no module");
         }
-        modules_.push_back(module);
-        if (const int status = module->Init(); status != 0) {
+        {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            modules_.push_back(module);
+        }
+        if (const int status = initialise ? module->Init() : 0; status != 0) {
             throw Poco::RuntimeException("Init returned " + std::to_string(status));
         }
     });
@@ -133,8 +137,14 @@ void Engine::LoadModule(const std::string& path) {
         // What its Init had started does not outlive the module. Not its own UnInit: it was never
         // initialised.
         modules_.back()->Module::UnInit();
+        const std::lock_guard<std::mutex> lock(mutex_);
         modules_.pop_back();
     }
+}
+
+std::vector<Poco::AutoPtr<Module>> Engine::Modules() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return modules_;
 }
 
 void Engine::DeliverPolicy(const std::string& type, const std::string& key,
@@ -154,11 +164,13 @@ void Engine::EnforcePolicies() {
 
 void Engine::StopModules() {
     // In reverse order of loading: a module's tasks may use those of modules before it.
-    for (auto module = modules_.rbegin(); module != modules_.rend(); ++module) {
+    for (auto module = modules_.rbegin(); initialised_ && module != modules_.rend(); ++module) {
         Try(std::string("module ") + (*module)->name() + " did not stop in order",
             [&] { (*module)->UnInit(); });
     }
-    modules_.clear();
+    std::vector<Poco::AutoPtr<Module>> gone;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    gone.swap(modules_);
 }
 
 }  // namespace Framework

@@ -43,10 +43,12 @@ public:
     // Logs an error line, the first time for each name. Any thread.
     void ReportUnknownReceiver(const std::string& name);
 
-    // Loads every *.so of `directory` in name order and initialises its module. What cannot be
-    // loaded is an error line and the rest go on. Throws Poco::Exception when the directory
-    // cannot be read.
-    void LoadModules(const std::string& directory);
+    // Loads every *.so of `directory` in name order and, with `initialise`, its module is
+    // initialised. What cannot be loaded is an error line and the rest go on. Throws
+    // Poco::Exception when the directory cannot be read.
+    void LoadModules(const std::string& directory, bool initialise = true);
+    // Those loaded, in that order. Any thread.
+    std::vector<Poco::AutoPtr<Module>> Modules();
     // Hands a document to each module with a callback for `type`, for the next EnforcePolicies to
     // put to work. Both on one thread at a time.
     void DeliverPolicy(const std::string& type, const std::string& key, const std::string& text);
@@ -55,15 +57,17 @@ public:
     void EnforcePolicies();
     // From here on no task starts, so that a delivery in progress ends without one. Any thread.
     void RefuseTasks() { stopping_ = true; }
-    // Ends the modules one by one, each with its tasks.
+    // Ends the modules one by one, each with its tasks; those not initialised just go.
     void StopModules();
 
 private:
-    void LoadModule(const std::string& path);
+    void LoadModule(const std::string& path, bool initialise);
 
     std::atomic<bool> stopping_{false};
+    bool initialised_ = false;  // the modules
+    std::mutex mutex_;          // guards the rest; the main thread, which alone alters the modules,
+                                // and the policy thread read those without
     std::vector<Poco::AutoPtr<Module>> modules_;
-    std::mutex mutex_;  // guards the two below
     std::map<std::string, std::shared_ptr<TaskThread>> tasks_;
     std::set<std::string> unknown_receivers_;
 };

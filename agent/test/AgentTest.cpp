@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 
 #include <atomic>
+#include <cctype>
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
@@ -225,11 +226,11 @@ TEST(PolicyDirectory, SettlesAfterEachScanKeepsNoTextAndTellsOfALostDirectoryOnc
     EXPECT_EQ(1, log.Holding("6 policy directory " + path + " is read again"));
 }
 
-// Runs the agent, a minute at most and after `first`, its output in the file "out". Its exit
-// status.
+// Runs the agent, or the command that the options begin with, a minute at most and after `first`,
+// its output in the file "out". Its exit status.
 int RunAgent(const std::string& options, const std::string& first = "") {
-    const std::string program =
-        first + "timeout -s KILL 60 '" WATCHPOST_PROGRAM "' --policy-dir=/tmp/policy ";
+    const std::string program = first + "timeout -s KILL 60 '" WATCHPOST_PROGRAM "' " +
+                                (std::isalpha(options[0]) != 0 ? "" : "--policy-dir=/tmp/policy ");
     const int status = std::system((program + options + " >/tmp/out 2>&1").c_str());
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
@@ -254,7 +255,10 @@ TEST(Program, ABadStartIsOneLineAndAStatusAndAGoodOneStopsInOrder) {
         {"--umask=000", 64, "umask"},
         {"--log=/tmp", 64, "Ambiguous"},
         {"--report", 64, "requires FILE"},
-        {"stray", 64, "stray"},
+        {"stray", 64, "unknown command stray"},
+        {"status stray", 64, "stray; see watchpost status --help"},
+        {"status --daemon", 64, "daemon"},
+        {"status --config=/none", 78, "/none"},
         {"--log-level='loud\ner'", 64, "--log-level must be error, warning, notice"},
         {"--config=/none", 78, "/none"},
         {"--config=/tmp", 78, "Is a directory"},
