@@ -12,6 +12,8 @@ class Watchpost;
 // does.
 namespace Commands {
 
+int Check(Watchpost& engine, const Settings& settings, const std::vector<std::string>& arguments);
+int Restore(Watchpost& engine, const Settings& settings, const std::vector<std::string>& arguments);
 int Status(Watchpost& engine, const Settings& settings, const std::vector<std::string>& arguments);
 
 }  // namespace Commands

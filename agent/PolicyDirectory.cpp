@@ -18,7 +18,6 @@
 
 namespace {
 
-constexpr std::size_t kMaxPolicySize = 1 << 20;
 // A writer's pause between two writes, and how long a busy directory may hold delivery up.
 constexpr long kQuietMs = 200;
 constexpr int kMaxQuietRounds = 10;

@@ -19,6 +19,8 @@
 // each reason.
 class PolicyDirectory {
 public:
+    static constexpr std::size_t kMaxPolicySize = 1 << 20;  // bytes
+
     // Called on the policy thread with the file's name and its whole content.
     using Deliver = std::function<void(const std::string& name, const std::string& content)>;
     // Called on the policy thread after each scan, when all that changed has been delivered.

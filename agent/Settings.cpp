@@ -54,13 +54,13 @@ struct Setting {
 };
 
 const Setting kSettings[] = {
-    {"config", "agent status", "FILE", &kPath, nullptr, nullptr,
+    {"config", "agent check status restore", "FILE", &kPath, nullptr, nullptr,
      "configuration file, lines of KEY = VALUE"},
-    {"module-dir", "agent", "DIR", &kPath, "module.dir", "/usr/local/watchpost/module",
-     "directory of the modules, *.so"},
+    {"module-dir", "agent check restore", "DIR", &kPath, "module.dir",
+     "/usr/local/watchpost/module", "directory of the modules, *.so"},
     {"policy-dir", "agent", "DIR", &kPath, "policy.dir", "/usr/local/watchpost/policy",
      "directory of the policy files, *.json"},
-    {"log-dir", "agent", "DIR", &kPath, "log.dir", "/usr/local/watchpost/log",
+    {"log-dir", "agent restore", "DIR", &kPath, "log.dir", "/usr/local/watchpost/log",
      "directory of the log and of local records"},
     {"report", "agent", "FILE", &kPath, "report.file", nullptr,
      "report file, default LOGDIR/watchpost_report.jsonl"},
@@ -70,9 +70,12 @@ const Setting kSettings[] = {
     {"pidfile", "agent", "FILE", &kPath, nullptr, nullptr,
      "file that names the process while it runs"},
     {"daemon", "agent", nullptr, nullptr, nullptr, nullptr, "run in the background"},
-    {"json", "status", nullptr, nullptr, nullptr, nullptr, "print JSON"},
+    {"host", "check", nullptr, nullptr, nullptr, nullptr,
+     "check against this host too, and show what would be done to it"},
+    {"yes", "restore", nullptr, nullptr, nullptr, nullptr, "do not ask"},
+    {"json", "check status", nullptr, nullptr, nullptr, nullptr, "print JSON"},
     {"version", "agent", nullptr, nullptr, nullptr, nullptr, "print the version"},
-    {"help", "agent status", nullptr, nullptr, nullptr, nullptr, "print this help"},
+    {"help", "agent check status restore", nullptr, nullptr, nullptr, nullptr, "print this help"},
 };
 
 bool Takes(const std::string& taker, const Setting& setting) {

@@ -39,13 +39,15 @@ struct Command {
 namespace {
 
 const Command kCommands[] = {
+    {"check", "[OPTION]... FILE...",
+     "Tells what is wrong with policy files, and what they would do.", Commands::Check},
     {"status", "[OPTION]...", "Tells how the running agent fares.", Commands::Status},
+    {"restore", "[OPTION]...", "Takes the forwarding out of the host's configuration.",
+     Commands::Restore},
 };
 
 const char* const kHome = "/usr/local/watchpost";
 const char* const kConfiguration = "/usr/local/watchpost/conf/watchpost.properties";
-// The policy type under which the documents of the policy directory are delivered.
-const char* const kPolicyType = "10001";
 
 // Ends what runs, also when the start fails half-way: modules with their tasks, and last the
 // report task, which writes what is still queued. The policy directory is gone by then.
@@ -181,11 +183,10 @@ std::string Watchpost::Directory(const std::string& key) const {
     return path;
 }
 
-void Watchpost::LockDirectory() const {
+void Watchpost::LockDirectory(SDK::Descriptor& lock) const {
     const std::string directory = Directory("log.dir");
-    // Open, and so locked, until the process ends.
-    const int lock = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (lock < 0 || flock(lock, LOCK_EX | LOCK_NB) != 0) {
+    if (lock.Reset(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) != 0 ||
+        flock(lock.Get(), LOCK_EX | LOCK_NB) != 0) {
         throw StartError{EXIT_TEMPFAIL,
                          "log.dir " + directory +
                              (errno == EWOULDBLOCK ? ": another watchpost runs with it"
@@ -209,7 +210,8 @@ int Watchpost::Serve() {
     }
     const std::string module_dir = Directory("module.dir");
     const std::string policy_dir = Directory("policy.dir");
-    LockDirectory();
+    SDK::Descriptor lock;
+    LockDirectory(lock);
     OpenLog();
     SDK::InnerCpuCtrlUtils::SetLimit(std::stoi(settings_.Get("cpu.limit.percent")));
     const PidFile pid_file(settings_.Get("pidfile"));

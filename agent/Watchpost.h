@@ -8,17 +8,25 @@
 
 #include "agent/Settings.h"
 #include "framework/Engine.h"
+#include "sdk/Descriptor.h"
 
 struct Command;
 
 // The application: the agent, whose pieces it starts and stops in their order, or one command.
 class Watchpost : public Framework::Engine {
 public:
+    // The policy type under which documents are delivered.
+    static constexpr const char* kPolicyType = "10001";
+
     Watchpost();
 
     // The whole life of the agent or the command, which ends with its exit status. `arguments`: the
     // command line, the program first. A start that fails is one line on standard error.
     int Launch(const std::vector<std::string>& arguments);
+
+    // Keeps agents away from the log directory, and so from this host, as long as `lock` lives.
+    // Throws StartError when one is there.
+    void LockDirectory(SDK::Descriptor& lock) const;
 
 protected:
     void defineOptions(Poco::Util::OptionSet& options) override;
@@ -31,8 +39,6 @@ private:
     int Tell(int status, std::string text) const;
     std::string Help() const;
     std::string Directory(const std::string& key) const;
-    // Keeps a second agent away from the log and the reports of this one.
-    void LockDirectory() const;
     void OpenLog() const;
     int Serve();
     int RunCommand(const std::vector<std::string>& arguments);

@@ -57,6 +57,7 @@ public:
     void EnforcePolicies();
     // From here on no task starts, so that a delivery in progress ends without one. Any thread.
     void RefuseTasks() { stopping_ = true; }
+    bool IsStopping() const { return stopping_; }
     // Ends the modules one by one, each with its tasks; those not initialised just go.
     void StopModules();
 

@@ -17,34 +17,6 @@ namespace {
 constexpr char kLogName[] = "watchpost.log";
 constexpr char kPattern[] = "%L%Y-%m-%d %H:%M:%S.%i [%p] %s %U:%u %t";
 
-void AppendEscaped(std::string& line, char c) {
-    constexpr char kDigits[] = "0123456789ABCDEF";
-    if (c == '\n') {
-        line += "\\n";
-    } else if (c == '\r') {
-        line += "\\r";
-    } else {
-        const auto byte = static_cast<unsigned char>(c);
-        line += "\\x";
-        line += kDigits[byte >> 4U];
-        line += kDigits[byte & 0xFU];
-    }
-}
-
-// Whether the well-formed character `c` (its UTF-8 bytes) may end a line or steer a terminal: the
-// ASCII controls but the tab, U+0080..U+009F, and the line and paragraph separators.
-bool IsUnsafe(const std::string& text, size_t offset, size_t length) {
-    const auto byte = static_cast<unsigned char>(text[offset]);
-    if (length == 1) {
-        return (byte < 0x20 && byte != '\t') || byte == 0x7F;
-    }
-    if (length == 2) {
-        return byte == 0xC2 && static_cast<unsigned char>(text[offset + 1]) < 0xA0;
-    }
-    return text.compare(offset, length, "\u2028") == 0 ||
-           text.compare(offset, length, "\u2029") == 0;
-}
-
 // Makes one printable line of every message: texts come partly from files of hostile users, who
 // must not be able to write log lines of their own.
 class LineFormatter : public Poco::PatternFormatter {
@@ -54,19 +26,7 @@ public:
     void format(const Poco::Message& message, std::string& text) override {
         std::string raw;
         Poco::PatternFormatter::format(message, raw);
-        text.reserve(text.size() + raw.size());
-        for (size_t offset = 0; offset < raw.size();) {
-            size_t bad = 0;
-            const size_t length = StringUtils::GetUtf8Length(raw, offset, bad);
-            if (length > 0 && !IsUnsafe(raw, offset, length)) {
-                text.append(raw, offset, length);
-                offset += length;
-                continue;
-            }
-            for (size_t end = offset + (length > 0 ? length : bad); offset < end; ++offset) {
-                AppendEscaped(text, raw[offset]);
-            }
-        }
+        text += StringUtils::ToPrintable(raw);
     }
 
 protected:

@@ -35,6 +35,34 @@ Lead DescribeLead(unsigned char byte) {
     return {0, 0, 0};
 }
 
+void AppendEscaped(std::string& line, char c) {
+    constexpr char kDigits[] = "0123456789ABCDEF";
+    if (c == '\n') {
+        line += "\\n";
+    } else if (c == '\r') {
+        line += "\\r";
+    } else {
+        const auto byte = static_cast<unsigned char>(c);
+        line += "\\x";
+        line += kDigits[byte >> 4U];
+        line += kDigits[byte & 0xFU];
+    }
+}
+
+// Whether the well-formed character `c` (its UTF-8 bytes) may end a line or steer a terminal: the
+// ASCII controls but the tab, U+0080..U+009F, and the line and paragraph separators.
+bool IsUnsafe(const std::string& text, size_t offset, size_t length) {
+    const auto byte = static_cast<unsigned char>(text[offset]);
+    if (length == 1) {
+        return (byte < 0x20 && byte != '\t') || byte == 0x7F;
+    }
+    if (length == 2) {
+        return byte == 0xC2 && static_cast<unsigned char>(text[offset + 1]) < 0xA0;
+    }
+    return text.compare(offset, length, "\u2028") == 0 ||
+           text.compare(offset, length, "\u2029") == 0;
+}
+
 }  // namespace
 
 size_t GetUtf8Length(const std::string& bytes, size_t offset, size_t& bad) {
@@ -73,6 +101,24 @@ std::string ToUtf8(const std::string& bytes) {
         }
     }
     return text;
+}
+
+std::string ToPrintable(const std::string& text) {
+    std::string line;
+    line.reserve(text.size());
+    for (size_t offset = 0; offset < text.size();) {
+        size_t bad = 0;
+        const size_t length = GetUtf8Length(text, offset, bad);
+        if (length > 0 && !IsUnsafe(text, offset, length)) {
+            line.append(text, offset, length);
+            offset += length;
+            continue;
+        }
+        for (size_t end = offset + (length > 0 ? length : bad); offset < end; ++offset) {
+            AppendEscaped(line, text[offset]);
+        }
+    }
+    return line;
 }
 
 std::string Sha256(const std::string& bytes) {

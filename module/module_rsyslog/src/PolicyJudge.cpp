@@ -299,11 +299,13 @@ WantedForwarding GetForwarding(const Json::Value& document) {
     return wanted;
 }
 
-void JudgeSyntax(const std::string& text, Json::Value& document, Findings& findings) {
+bool JudgeSyntax(const std::string& text, Json::Value& document, Findings& findings) {
     std::string why;
     if (SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), document, &why) != 0) {
         findings.Fail("", "is not JSON, and is refused: " + why, "mend it there");
+        return false;
     }
+    return true;
 }
 
 void JudgeSettings(const Json::Value& document, DaemonKind kind, Findings& findings) {

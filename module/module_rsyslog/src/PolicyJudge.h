@@ -31,11 +31,16 @@ struct WantedForwarding {
 // The forwarding that the document asks for.
 WantedForwarding GetForwarding(const Json::Value& document);
 
-// Reads a document; what does not parse is a finding, with its line, and `document` null.
-void JudgeSyntax(const std::string& text, Json::Value& document, Findings& findings);
+// Reads a document; what does not parse is a finding, with its line, and the result false.
+bool JudgeSyntax(const std::string& text, Json::Value& document, Findings& findings);
 
 // What the texts of a document do to the configuration of a daemon, and which settings thwart each
 // other. Where `kind` is none, for both daemons, and what concerns one of them names it.
 void JudgeSettings(const Json::Value& document, DaemonKind kind, Findings& findings);
+
+// What this host, with `daemon`, lacks for the document: the daemon and its configuration, files,
+// names. And what it has too much of: lines that come around again. Waits three seconds at most for
+// names, less at a stop of the engine.
+void JudgeHost(const Json::Value& document, const SyslogDaemon& daemon, Findings& findings);
 
 }  // namespace Engine

@@ -4,6 +4,10 @@
 #include <new>
 
 #include "framework/PolicyCallback.h"
+#include "module/module_rsyslog/src/ForwardingHealth.h"
+#include "module/module_rsyslog/src/ForwardingPlan.h"
+#include "module/module_rsyslog/src/PolicyJudge.h"
+#include "module/module_rsyslog/src/PolicyShape.h"
 #include "module/module_rsyslog/src/RsyslogLog.h"
 #include "module/module_rsyslog/src/RsyslogPolicy.h"
 #include "module/module_rsyslog/src/RsyslogTask.h"
@@ -16,6 +20,11 @@ namespace {
 const char* const kPolicyType = "10001";
 const char* const kModuleName = "rsyslog_module";
 const char* const kFeatureName = "rsyslog_feature";
+
+bool IsOurs(const Json::Value& document) {
+    return SDK::JsonUtils::GetStringValue(document, "module_name", "") == kModuleName &&
+           SDK::JsonUtils::GetStringValue(document, "feature_name", "") == kFeatureName;
+}
 
 }  // namespace
 
@@ -70,6 +79,47 @@ Framework::Policy* RsyslogModule::RefreshFeaturePolicy(const std::string& /*key*
         current->SetChanged(true);
     }
     return policy.release();
+}
+
+bool RsyslogModule::JudgePolicy(const std::string& type, const std::string& text, bool host,
+                                std::vector<Framework::Finding>& findings) {
+    if (type != kPolicyType) {
+        return false;
+    }
+    Findings list(findings);
+    Json::Value document;
+    if (!JudgeSyntax(text, document, list)) {
+        return true;
+    }
+    JudgeShape(document, list);
+    if (!IsOurs(document)) {
+        return true;  // no more is read of it
+    }
+    const SyslogDaemon daemon = host ? FindDaemon() : SyslogDaemon();
+    JudgeSettings(document, daemon.kind, list);
+    if (host) {
+        JudgeHost(document, daemon, list);
+    }
+    return true;
+}
+
+Framework::HostChange RsyslogModule::PreviewPolicy(const std::string& type,
+                                                   const std::string& text) {
+    Json::Value document;
+    RsyslogPolicy policy(kFeatureName);
+    const bool takes = type == kPolicyType &&
+                       SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), document) == 0 &&
+                       IsOurs(document) && policy.Parse(text) && policy.Enabled() &&
+                       policy.Settings().check_period_s > 0;
+    return takes ? PlanForwarding(policy.Settings()) : Framework::HostChange();
+}
+
+std::vector<Framework::Condition> RsyslogModule::Conditions() {
+    return ForwardingHealth::Instance().Conditions();
+}
+
+Framework::HostChange RsyslogModule::Restore(bool planned_only) {
+    return RestoreForwarding(planned_only);
 }
 
 }  // namespace Engine

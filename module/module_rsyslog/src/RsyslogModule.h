@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "framework/Module.h"
 
@@ -14,6 +15,12 @@ public:
     // Registers the policy callback. Always 0.
     int Init() override;
     void UnInit() override;
+
+    bool JudgePolicy(const std::string& type, const std::string& text, bool host,
+                     std::vector<Framework::Finding>& findings) override;
+    Framework::HostChange PreviewPolicy(const std::string& type, const std::string& text) override;
+    std::vector<Framework::Condition> Conditions() override;
+    Framework::HostChange Restore(bool planned_only) override;
 
 protected:
     ~RsyslogModule() override = default;

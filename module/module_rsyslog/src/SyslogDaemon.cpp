@@ -96,8 +96,8 @@ Framework::Verdict Try(const char* command, const std::string& put_in_place) {
     const Outcome outcome = RunCommand(
         kPath + unshare + "sh -c " + Quoted(script), [] { return false; }, status, output);
     verdict.asked = outcome == Outcome::kDone && (status == 0 || status == kRejected);
-    verdict.accepted = verdict.asked && status == 0;
     verdict.words = OwnWords(output);
+    verdict.accepted = verdict.asked && (status == 0 || verdict.words.empty());
     return verdict;
 }
 
@@ -166,8 +166,8 @@ Framework::Verdict AskDaemon(DaemonKind kind, const std::function<bool()>& stopp
     int status = 0;
     std::string output;
     verdict.asked = RunCommand(kPath + verdict.command, stopping, status, output) == Outcome::kDone;
-    verdict.accepted = verdict.asked && status == 0;
     verdict.words = OwnWords(output);
+    verdict.accepted = verdict.asked && (status == 0 || verdict.words.empty());
     return verdict;
 }
 

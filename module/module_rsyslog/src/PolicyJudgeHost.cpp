@@ -1,0 +1,135 @@
+#include <arpa/inet.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+
+#include "framework/Engine.h"
+#include "module/module_rsyslog/src/MarkedBlock.h"
+#include "module/module_rsyslog/src/PolicyJudge.h"
+#include "module/module_rsyslog/src/RsyslogInclude.h"
+#include "module/module_rsyslog/src/RsyslogWait.h"
+#include "sdk/FileUtils.h"
+
+namespace Engine {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds kPatience{3};
+constexpr int kIncludePathSize = 1024;
+
+// In place of the key for what concerns all files.
+const char* const kFiles = "content.log_path";
+
+void JudgeRsyslog(Findings& findings) {
+    char directory[kIncludePathSize] = {};
+    struct stat status = {};
+    switch (FindIncludeDirectory(directory, kIncludePathSize)) {
+        case Include::kUnreadable:
+            findings.Fail(kFiles,
+                          std::string(kRsyslogConf) + " cannot be read (" + std::strerror(errno) +
+                              "): nothing is forwarded",
+                          "mend that");
+            return;
+        case Include::kFound:
+            if (stat(directory, &status) != 0 || !S_ISDIR(status.st_mode)) {
+                findings.Fail(kFiles,
+                              std::string("the directory that ") + kRsyslogConf + " includes, " +
+                                  directory + ", is missing: nothing is forwarded",
+                              "make it");
+            }
+            return;
+        default:
+            findings.Fail(
+                kFiles, std::string(kRsyslogConf) + " includes no directory: nothing is forwarded",
+                "begin a line of it with $IncludeConfig /etc/rsyslog.d/*.conf");
+    }
+}
+
+void JudgeSyslogng(Findings& findings) {
+    std::string text;
+    if (const int error = SDK::FileUtils::ReadFile(kSyslogngConf.path, text, kMaxConfSize);
+        error != 0) {
+        findings.Fail(kFiles,
+                      kSyslogngConf.path + " cannot be read (" + std::strerror(error) +
+                          "): nothing is forwarded",
+                      "mend that");
+        return;
+    }
+    const int error = SDK::FileUtils::ReadFile(kSyslogngProfile.path, text, kMaxConfSize);
+    if (error != 0 || text.find('}') == std::string::npos) {
+        findings.Warn(kFiles,
+                      "the daemon has no AppArmor profile " + kSyslogngProfile.path +
+                          ": it is configured, and not restarted",
+                      "restart it yourself once the policy is in force");
+    }
+}
+
+void JudgeFile(const WantedForwarding::File& file, Findings& findings) {
+    struct stat status = {};
+    if (file.path.front() != '/' || file.path.find_first_of("*?[") != std::string::npos) {
+        return;
+    }
+    if (stat(file.path.c_str(), &status) != 0) {
+        findings.Warn(file.place.key, file.path + ": " + std::strerror(errno),
+                      "nothing is forwarded until the file is there");
+    } else if (S_ISDIR(status.st_mode)) {
+        findings.Fail(file.place.key, file.path + " is a directory: nothing is forwarded",
+                      "name the files in it");
+    } else if (!S_ISREG(status.st_mode)) {
+        findings.Fail(file.place.key, file.path + " is no regular file", "name a file");
+    }
+}
+
+void JudgeNames(const std::vector<Placed>& servers, Findings& findings) {
+    const auto end = Clock::now() + kPatience;
+    const auto stopping = [end] {
+        return Clock::now() >= end || Framework::Engine::Instance().IsStopping();
+    };
+    for (const Placed& server : servers) {
+        in_addr address = {};
+        in6_addr address6 = {};
+        std::string name = server.text;
+        if (name.empty() || name.find_first_of(":[]") != std::string::npos ||
+            inet_aton(name.c_str(), &address) != 0 ||
+            inet_pton(AF_INET6, name.c_str(), &address6) == 1) {
+            continue;
+        }
+        const Outcome outcome =
+            stopping() ? Outcome::kStopped : LookUpHost(name, address, stopping);
+        if (outcome == Outcome::kFailed) {
+            findings.Warn(server.key, "the name " + name + " has no IPv4 address here",
+                          "nothing arrives there until it has one");
+        } else if (outcome == Outcome::kStopped) {
+            findings.Warn(server.key, "the name " + name + " could not be looked up in time",
+                          "see to the name servers of this host");
+            return;
+        }
+    }
+}
+
+}  // namespace
+
+void JudgeHost(const Json::Value& document, const SyslogDaemon& daemon, Findings& findings) {
+    const WantedForwarding wanted = GetForwarding(document);
+    if (wanted.files.empty()) {
+        return;
+    }
+    if (daemon.kind == DaemonKind::kNone) {
+        findings.Fail(kFiles, "neither rsyslog nor syslog-ng runs: nothing is forwarded",
+                      "start one of them");
+    } else if (daemon.kind == DaemonKind::kRsyslog) {
+        JudgeRsyslog(findings);
+    } else {
+        JudgeSyslogng(findings);
+    }
+    for (const auto& file : wanted.files) {
+        JudgeFile(file, findings);
+    }
+    JudgeNames(wanted.servers, findings);
+}
+
+}  // namespace Engine
