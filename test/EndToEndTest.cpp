@@ -8,7 +8,9 @@
 #include <sys/mount.h>
 
 #include <fstream>
+#include <iterator>
 #include <set>
+#include <sstream>
 
 #include "test/support/AgentProcess.h"
 
@@ -172,6 +174,31 @@ TEST(EndToEnd, PoliciesReplaceEachOtherWithoutLossAndBadOnesChangeNothing) {
          {"\n", kNoDaemon, R"("type":"rsyslog_3")", R"("task":"rsyslog_task")"}) {
         EXPECT_EQ(kPolicies, Occurrences(reports, piece)) << piece;
     }
+}
+
+// The manager of services gives up on a daemon after five starts in ten seconds.
+TEST(EndToEnd, TwentyPoliciesInTenSecondsLeaveTheDaemonRunningUnderTheLast) {
+    std::remove("/run/service.starts.rsyslog");
+    const Daemon rsyslogd("rsyslogd");
+    AgentProcess agent;
+    const auto start = std::chrono::steady_clock::now();
+    const int kPolicies = 20;
+    std::string server;
+    for (int i = 1; i <= kPolicies; ++i) {
+        server = "127.0.1." + std::to_string(i);
+        AgentProcess::Policy("p.json", Policy(R"({"server_type":"udp","server":[")" + server +
+                                              R"("],"log_path":["/var/log/a.log:9"]})"));
+        std::this_thread::sleep_until(start + i * std::chrono::milliseconds(500));
+    }
+    EXPECT_TRUE(AgentProcess::AwaitLog("rsyslog is to forward /var/log/a.log to " + server + ":9"));
+    EXPECT_EQ(1, Occurrences(ReadText(kInclude), "local1.* @" + server + ":9\n"));
+    std::istringstream text(ReadText("/run/service.starts.rsyslog"));
+    const std::vector<std::int64_t> starts(std::istream_iterator<std::int64_t>(text), {});
+    EXPECT_LE(4U, starts.size());
+    for (std::size_t i = 3; i < starts.size(); ++i) {
+        EXPECT_LT(10'000'000, starts[i] - starts[i - 3]);  // microseconds
+    }
+    EXPECT_EQ(0, agent.Stop());
 }
 
 // Servers behind an interface where nobody answers: a probe of each takes three seconds.
