@@ -45,8 +45,11 @@ std::string Identity(const std::string& text) {
 
 }  // namespace
 
-PolicyDirectory::PolicyDirectory(const std::string& path, Deliver deliver, Settle settle)
-    : path_(path), deliver_(std::move(deliver)), settle_(std::move(settle)) {
+PolicyDirectory::PolicyDirectory(const std::string& path, Deliver deliver, Settle settle, Lose lose)
+    : path_(path),
+      deliver_(std::move(deliver)),
+      settle_(std::move(settle)),
+      lose_(std::move(lose)) {
     watcher_ = std::make_unique<Poco::DirectoryWatcher>(path);
     watcher_->itemAdded += Poco::delegate(this, &PolicyDirectory::OnEvent);
     watcher_->itemModified += Poco::delegate(this, &PolicyDirectory::OnEvent);
@@ -128,7 +131,12 @@ void PolicyDirectory::Scan() {
         return;
     }
     for (auto known = seen_.begin(); known != seen_.end();) {
-        known = names.count(known->first) == 0 ? seen_.erase(known) : std::next(known);
+        if (names.count(known->first) != 0) {
+            ++known;
+        } else {
+            lose_(known->first, "");
+            known = seen_.erase(known);
+        }
     }
     for (const auto& name : names) {
         if (stopping_) {
@@ -155,6 +163,7 @@ void PolicyDirectory::Read(const std::string& name) {
     if (status != 0) {
         Framework::Log().error("policy file " + path_ + "/" + name +
                                " cannot be read: " + std::strerror(status));
+        lose_(name, std::strerror(status));
         return;
     }
     deliver_(name, content);

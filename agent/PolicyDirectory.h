@@ -26,8 +26,12 @@ public:
     // Called on the policy thread after each scan, when all that changed has been delivered.
     using Settle = std::function<void()>;
 
+    // Called on the policy thread when a file has become unreadable, `why` telling the reason, or,
+    // with none, is gone.
+    using Lose = std::function<void(const std::string& name, const std::string& why)>;
+
     // Throws Poco::Exception when the directory cannot be watched or no thread can be had.
-    PolicyDirectory(const std::string& path, Deliver deliver, Settle settle);
+    PolicyDirectory(const std::string& path, Deliver deliver, Settle settle, Lose lose);
     // Ends the policy thread; a call in progress is finished first.
     ~PolicyDirectory();
 
@@ -44,6 +48,7 @@ private:
     const std::string path_;
     const Deliver deliver_;
     const Settle settle_;
+    const Lose lose_;
     // What was last delivered, as a digest, or why the file could not be read, by file name.
     std::map<std::string, std::string> seen_;
     std::string trouble_;  // why the directory could not be read

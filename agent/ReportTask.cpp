@@ -14,6 +14,7 @@
 namespace {
 
 constexpr std::size_t kQueueCapacity = 1024;
+constexpr std::size_t kMaxTypes = 100;
 constexpr long kRetryMs = 1000;
 
 }  // namespace
@@ -51,23 +52,24 @@ void ReportTask::HandleMsg(const Framework::Message* message) {
     line_.clear();
     while (const int error = Write(*report)) {
         no_room_ = error == ENOSPC || error == EDQUOT;
-        if (!failing_) {
+        if (!counts_.failing) {
             Framework::Log().error("report file " + Path() +
                                    " cannot be written, trying again: " + std::strerror(error));
-            failing_ = true;
         }
+        CountFailure();
         if (isCancelled()) {
             ++lost_;
             return;
         }
         sleep(kRetryMs);  // a stop ends it, for the last try
     }
-    std::string().swap(line_);  // it may be large
-    if (failing_) {
+    if (counts_.failing) {
         Framework::Log().information("report file " + Path() + " is written again");
-        failing_ = false;
         no_room_ = false;
     }
+    const std::size_t size = line_.size();
+    std::string().swap(line_);  // it may be large
+    CountLine(report->Type(), size);
 }
 
 int ReportTask::Write(const Framework::DataMessage& report) {
@@ -79,6 +81,26 @@ int ReportTask::Write(const Framework::DataMessage& report) {
     } catch (const std::bad_alloc&) {
         return ENOMEM;
     }
+}
+
+void ReportTask::CountFailure() {
+    const std::lock_guard<std::mutex> lock(counts_mutex_);
+    counts_.failing = true;
+    ++counts_.failures;
+}
+
+void ReportTask::CountLine(const std::string& type, std::size_t size) {
+    const std::lock_guard<std::mutex> lock(counts_mutex_);
+    counts_.failing = false;
+    counts_.lines += 1;
+    counts_.bytes += size;
+    const bool room = counts_.by_type.size() < kMaxTypes || counts_.by_type.count(type) != 0;
+    ++counts_.by_type[room ? type : "other"];
+}
+
+ReportCounts ReportTask::Counts() const {
+    const std::lock_guard<std::mutex> lock(counts_mutex_);
+    return counts_;
 }
 
 bool ReportTask::IsHopeless(std::size_t size) const {

@@ -1,10 +1,23 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <map>
+#include <mutex>
 #include <string>
 
 #include "framework/Task.h"
 #include "sdk/LineFile.h"
+
+// What has become of the reports so far.
+struct ReportCounts {
+    std::map<std::string, std::uint64_t>
+        by_type;  // those written; "other" for types past a hundred
+    std::uint64_t lines = 0;
+    std::uint64_t bytes = 0;
+    std::uint64_t failures = 0;  // writes that failed, each try
+    bool failing = false;        // the last one did
+};
 
 // The task that reports are sent to, "data_comm_report_task": appends each DataMessage to the
 // report file as one line of JSON,
@@ -24,6 +37,9 @@ public:
     int Open() { return file_.Open(); }
     const std::string& Path() const { return file_.Path(); }
 
+    // Any thread.
+    ReportCounts Counts() const;
+
     void UnInit() override;
     void HandleMsg(const Framework::Message* message) override;
 
@@ -33,14 +49,17 @@ protected:
 private:
     // Formats the report and writes it. 0 or an errno value.
     int Write(const Framework::DataMessage& report);
+    void CountFailure();
+    void CountLine(const std::string& type, std::size_t size);
     // Whether a stop need not try to write so many bytes, as the disk lacks the room for them.
     bool IsHopeless(std::size_t size) const;
 
     SDK::LineFile file_;
-    std::string line_;  // the one being written, formatted
-    bool failing_ = false;
+    std::string line_;      // the one being written, formatted
     bool no_room_ = false;  // the last failure was for lack of room
     unsigned long lost_ = 0;
+    mutable std::mutex counts_mutex_;
+    ReportCounts counts_;  // altered by this task's thread alone, which reads it without the mutex
 };
 
 // The line of one report, without its newline.

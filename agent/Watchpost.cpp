@@ -233,7 +233,10 @@ int Watchpost::Serve() {
         [this](const auto& name, const auto& content) {
             DeliverPolicy(kPolicyType, name, content);
         },
-        [this] { EnforcePolicies(); });
+        [this] { EnforcePolicies(); },
+        [this](const auto& name, const auto& why) {
+            why.empty() ? ForgetPolicy(name) : RefusePolicy(name, "it cannot be read: " + why);
+        });
     Daemon::Started();
     Signals::AwaitStop();
     Framework::Log().information("watchpost stops");

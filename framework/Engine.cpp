@@ -13,6 +13,8 @@ namespace Framework {
 
 namespace {
 
+constexpr std::size_t kMaxRefused = 50;
+
 // Runs `step`; an exception becomes an error line that starts with `what`.
 template <typename Step>
 bool Try(const std::string& what, Step step) {
@@ -147,12 +149,75 @@ std::vector<Poco::AutoPtr<Module>> Engine::Modules() {
     return modules_;
 }
 
+State Engine::GetState() {
+    State state;
+    std::vector<Poco::AutoPtr<Task>> tasks;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        for (const auto& [name, thread] : tasks_) {
+            tasks.push_back(thread->GetTask());
+        }
+        for (const auto& [key, refused] : refused_) {
+            state.refused.push_back(refused);
+        }
+    }
+    for (const auto& task : tasks) {
+        state.tasks.push_back(task->GetStatus());
+    }
+    std::vector<Poco::AutoPtr<Module>> modules = Modules();
+    for (auto& module : modules) {
+        const std::string name = module->name();
+        for (auto& policy : module->PoliciesInForce()) {
+            state.policies.push_back(std::move(policy));
+        }
+        std::vector<Condition> conditions;
+        try {
+            conditions = module->Conditions();
+        } catch (...) {
+            conditions = {{name, false, DescribeException()}};
+        }
+        for (auto& condition : conditions) {
+            state.conditions.push_back({name, std::move(condition)});
+        }
+    }
+    return state;
+}
+
 void Engine::DeliverPolicy(const std::string& type, const std::string& key,
                            const std::string& text) {
+    bool accepted = false;
+    std::string why;
     for (auto& module : modules_) {
-        Try("policy " + key + " not taken by module " + module->name(),
-            [&] { module->DeliverPolicy(type, key, text); });
+        try {
+            const Delivery delivery = module->DeliverPolicy(type, key, text);
+            accepted = accepted || delivery.accepted;
+            why = why.empty() ? delivery.refusal : why;
+        } catch (...) {
+            why = DescribeException();
+            LogException({"policy ", key, " not taken by module ", module->name()});
+        }
     }
+    if (accepted) {
+        ForgetPolicy(key);
+        return;
+    }
+    if (why.empty()) {
+        why = "no module takes policies of its type";
+        Log().error("policy " + key + " refused: " + why);
+    }
+    RefusePolicy(key, why);
+}
+
+void Engine::RefusePolicy(const std::string& key, const std::string& why) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (refused_.size() < kMaxRefused || refused_.count(key) != 0) {
+        refused_[key] = {key, Poco::Timestamp(), why};
+    }
+}
+
+void Engine::ForgetPolicy(const std::string& key) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    refused_.erase(key);
 }
 
 void Engine::EnforcePolicies() {

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "framework/Module.h"
+#include "framework/State.h"
 #include "framework/Task.h"
 #include "framework/TaskThread.h"
 
@@ -49,9 +50,17 @@ public:
     void LoadModules(const std::string& directory, bool initialise = true);
     // Those loaded, in that order. Any thread.
     std::vector<Poco::AutoPtr<Module>> Modules();
+    // How the agent fares. What a module throws about its conditions is a condition that is not
+    // good. Any thread.
+    State GetState();
+
     // Hands a document to each module with a callback for `type`, for the next EnforcePolicies to
     // put to work. Both on one thread at a time.
     void DeliverPolicy(const std::string& type, const std::string& key, const std::string& text);
+    // A refused document is part of the state until one of its key is accepted, or its key is
+    // forgotten: its file has gone. DeliverPolicy refuses by itself. Any thread.
+    void RefusePolicy(const std::string& key, const std::string& why);
+    void ForgetPolicy(const std::string& key);
     // Puts to work what the modules have accepted since the previous call, and what that could not
     // start.
     void EnforcePolicies();
@@ -71,6 +80,7 @@ private:
     std::vector<Poco::AutoPtr<Module>> modules_;
     std::map<std::string, std::shared_ptr<TaskThread>> tasks_;
     std::set<std::string> unknown_receivers_;
+    std::map<std::string, RefusedPolicy> refused_;
 };
 
 }  // namespace Framework

@@ -3,11 +3,8 @@
 #include <Poco/Exception.h>
 
 #include <exception>
-#include <string>
 
 namespace Framework {
-
-namespace {
 
 std::string DescribeException() {
     try {
@@ -20,8 +17,6 @@ std::string DescribeException() {
         return "unknown exception";
     }
 }
-
-}  // namespace
 
 void LogException(std::initializer_list<std::string_view> what) noexcept {
     try {

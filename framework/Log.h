@@ -3,6 +3,7 @@
 #include <Poco/Logger.h>
 
 #include <initializer_list>
+#include <string>
 #include <string_view>
 
 namespace Framework {
@@ -12,6 +13,9 @@ inline Poco::Logger& Log() {
     static Poco::Logger& logger = Poco::Logger::get("watchpost");
     return logger;
 }
+
+// In a handler: the text of the exception at hand.
+std::string DescribeException();
 
 // In a handler: logs the exception at hand as an error line, the pieces of `what` before its text.
 // Where even that fails, memory having run out, the line is missing and the handler goes on.

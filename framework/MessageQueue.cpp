@@ -58,6 +58,11 @@ std::shared_ptr<Message> MessageQueue::Pop(Clock::time_point deadline) {
     return message;
 }
 
+std::pair<std::size_t, std::size_t> MessageQueue::Waiting() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return {messages_.size(), bytes_};
+}
+
 void MessageQueue::Wake() {
     const std::lock_guard<std::mutex> lock(mutex_);
     awake_ = true;

@@ -6,6 +6,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <utility>
 
 #include "framework/Message.h"
 
@@ -36,6 +37,9 @@ public:
     // Makes this and every later Pop return at once. Messages stay queued.
     void Wake();
 
+    // How many messages wait, and the bytes they hold.
+    std::pair<std::size_t, std::size_t> Waiting() const;
+
     // Refuses all further messages. What is queued can still be popped.
     void Close();
 
@@ -43,7 +47,7 @@ private:
     bool HasRoomFor(const Message& message) const;
     void Add(const std::shared_ptr<Message>& message);
 
-    std::mutex mutex_;
+    mutable std::mutex mutex_;
     std::condition_variable room_;
     std::condition_variable ready_;
     std::deque<std::shared_ptr<Message>> messages_;

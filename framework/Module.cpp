@@ -2,6 +2,7 @@
 
 #include <Poco/Exception.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "framework/Engine.h"
@@ -52,42 +53,67 @@ HostChange Module::Restore(bool /*planned_only*/) {
     return {};
 }
 
-void Module::DeliverPolicy(const std::string& type, const std::string& key,
-                           const std::string& text) {
+Delivery Module::DeliverPolicy(const std::string& type, const std::string& key,
+                               const std::string& text) {
     const auto found = features_.find(type);
     if (found == features_.end()) {
-        return;
+        return {};
     }
     Feature& feature = found->second;
 
+    std::vector<Finding> findings = Judged(type, key, text);
+    const auto refusing = std::find_if(findings.begin(), findings.end(),
+                                       [](const Finding& finding) { return finding.refuses; });
+    if (refusing != findings.end()) {
+        LogRefusal(key, refusing->problem);
+        return {false, Describe(*refusing)};
+    }
+
     registered_.clear();
     std::unique_ptr<FeaturePolicy> accepted;
+    std::string refusal;
     try {
-        accepted = Accepted(type, key, text, feature.policy.get());
+        accepted = Accepted(type, key, text, feature.policy.get(), refusal);
     } catch (...) {
         Refuse(feature);
         throw;
     }
     if (accepted == nullptr) {
         Refuse(feature);
-        return;
+        return {false, refusal};
     }
     if (feature.next.policy != nullptr) {
         Log().information("policy " + feature.next.key + " gives way to policy " + key);
     }
-    feature.next = {key, std::move(accepted), std::move(registered_)};
+    feature.next = {key, std::move(accepted), std::move(registered_), std::move(findings)};
     registered_.clear();
+    return {true, ""};
+}
+
+std::vector<Finding> Module::Judged(const std::string& type, const std::string& key,
+                                    const std::string& text) {
+    std::vector<Finding> findings;
+    try {
+        JudgePolicy(type, text, true, findings);
+    } catch (...) {
+        LogException({"policy ", key, " not judged by module ", name_});
+    }
+    for (const Finding& finding : findings) {
+        const std::string line = "policy " + key + ": " + Describe(finding);
+        finding.severity == Severity::kError ? Log().error(line) : Log().warning(line);
+    }
+    return findings;
 }
 
 void Module::EnforcePolicies() {
     for (auto& [type, feature] : features_) {
         if (feature.next.policy != nullptr) {
-            Enforce(feature);
+            Enforce(type, feature);
         }
     }
 }
 
-void Module::Enforce(Feature& feature) {
+void Module::Enforce(const std::string& type, Feature& feature) {
     Candidate& next = feature.next;
     std::vector<std::shared_ptr<TaskThread>> threads;
     try {
@@ -111,6 +137,13 @@ void Module::Enforce(Feature& feature) {
         "feature " + feature.policy->Name() +
         (feature.policy->Enabled() ? " follows policy " : " is switched off by policy ") +
         next.key);
+    {
+        const FeaturePolicy& policy = *feature.policy;
+        const std::lock_guard<std::mutex> lock(state_mutex_);
+        in_force_[type] = {
+            name_,         next.key,         policy.Name(),     policy.Id(),
+            policy.Hash(), policy.Enabled(), Poco::Timestamp(), std::move(next.findings)};
+    }
     next = {};
     for (const auto& thread : threads) {
         if (Engine::Instance().StartTask(thread)) {
@@ -120,22 +153,27 @@ void Module::Enforce(Feature& feature) {
 }
 
 std::unique_ptr<FeaturePolicy> Module::Accepted(const std::string& type, const std::string& key,
-                                                const std::string& text, Policy* current) {
+                                                const std::string& text, Policy* current,
+                                                std::string& refusal) {
     std::unique_ptr<Policy> delivered(RefreshPolicy(type, key, text, current));
     if (delivered == nullptr) {
+        refusal = "module " + name_ + " does not take it, as its log lines tell";
         return nullptr;
     }
     std::unique_ptr<FeaturePolicy> accepted(dynamic_cast<FeaturePolicy*>(delivered.get()));
     if (accepted != nullptr) {
         static_cast<void>(delivered.release());
     }
-    const std::string refusal =
-        accepted == nullptr ? "it is not a feature policy" : Refusal(*accepted);
+    refusal = accepted == nullptr ? "it is not a feature policy" : Refusal(*accepted);
     if (!refusal.empty()) {
-        Log().error("module " + name_ + ": policy " + key + " refused: " + refusal);
+        LogRefusal(key, refusal);
         return nullptr;
     }
     return accepted;
+}
+
+void Module::LogRefusal(const std::string& key, const std::string& refusal) const {
+    Log().error("module " + name_ + ": policy " + key + " refused: " + refusal);
 }
 
 void Module::Refuse(Feature& feature) {
@@ -158,6 +196,15 @@ std::string Module::Refusal(const FeaturePolicy& policy) const {
         }
     }
     return {};
+}
+
+std::vector<PolicyState> Module::PoliciesInForce() const {
+    const std::lock_guard<std::mutex> lock(state_mutex_);
+    std::vector<PolicyState> states;
+    for (const auto& [type, state] : in_force_) {
+        states.push_back(state);
+    }
+    return states;
 }
 
 void Module::RegisterPolicyCallback(const std::string& type, AbstractPolicyCallback* callback) {

@@ -5,15 +5,23 @@
 
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
 #include "framework/Finding.h"
 #include "framework/HostChange.h"
 #include "framework/PolicyCallback.h"
+#include "framework/State.h"
 #include "framework/Task.h"
 
 namespace Framework {
+
+// What became of a document at one module. Neither: the module has no callback for it.
+struct Delivery {
+    bool accepted = false;
+    std::string refusal;  // why it was refused
+};
 
 // A plug-in of the agent. Its library exports `extern "C" void* CreateModule()`, which returns a
 // new Framework::Module. Init and UnInit are called on the agent's main thread, documents are
@@ -49,14 +57,19 @@ public:
     // that would be. No task runs meanwhile. What fails throws Poco::Exception.
     virtual HostChange Restore(bool planned_only);
 
-    // Takes one document. The policy it gives waits for EnforcePolicies, in the place of one that
-    // waits already. What is refused, here with an error line or by the callback, changes nothing.
-    void DeliverPolicy(const std::string& type, const std::string& key, const std::string& text);
+    // Takes one document, for which there is a callback, once judged: each finding is a line of the
+    // log. The policy it gives waits for EnforcePolicies, in the place of one that waits already.
+    // What is refused, by a finding, here with an error line, or by the callback, changes nothing.
+    Delivery DeliverPolicy(const std::string& type, const std::string& key,
+                           const std::string& text);
 
     // Puts each policy that waits into force: the tasks of the previous one end, then those
     // registered with the document start; returns when that is done. Where no thread can be had for
     // them, nothing ends and the policy waits on, with an error line the first time.
     void EnforcePolicies();
+
+    // One for each policy type at most. Any thread.
+    std::vector<PolicyState> PoliciesInForce() const;
 
 protected:
     // A document of `type` from now on goes to `callback`, which the module then owns. A null
@@ -81,6 +94,7 @@ private:
         std::string key;
         std::unique_ptr<FeaturePolicy> policy;
         std::vector<Poco::AutoPtr<Task>> tasks;
+        std::vector<Finding> findings;
         bool failed = false;  // no thread could be had for the tasks
     };
     // One policy type: its callback, what is in force through it, and what is to follow.
@@ -92,12 +106,17 @@ private:
         Candidate next;
     };
 
+    // What there is to say of a document, said to the log.
+    std::vector<Finding> Judged(const std::string& type, const std::string& key,
+                                const std::string& text);
     // The policy that a document gives, or null when it is refused.
     std::unique_ptr<FeaturePolicy> Accepted(const std::string& type, const std::string& key,
-                                            const std::string& text, Policy* current);
+                                            const std::string& text, Policy* current,
+                                            std::string& refusal);
+    void LogRefusal(const std::string& key, const std::string& refusal) const;
     // Ends a delivery that changes nothing.
     void Refuse(Feature& feature);
-    static void Enforce(Feature& feature);
+    void Enforce(const std::string& type, Feature& feature);
     // Why a policy cannot drive the tasks registered with it; empty when it can.
     std::string Refusal(const FeaturePolicy& policy) const;
     static void StopTasks(std::vector<std::string>& names);
@@ -106,6 +125,8 @@ private:
     std::map<std::string, Feature> features_;
     std::vector<std::string> own_tasks_;
     std::vector<Poco::AutoPtr<Task>> registered_;
+    mutable std::mutex state_mutex_;  // guards what follows
+    std::map<std::string, PolicyState> in_force_;
 };
 
 }  // namespace Framework

@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include <csignal>
+#include <tuple>
 
 #include "framework/Engine.h"
 #include "framework/Log.h"
@@ -31,14 +32,16 @@ int Task::Guarded(const char* what, int otherwise, Step step) {
 }
 
 void Task::runTask() {
-    using Clock = MessageQueue::Clock;
-
     // Poco blocks SIGPIPE in its threads; commands that the task starts would inherit that.
     sigset_t pipe_signal;
     sigemptyset(&pipe_signal);
     sigaddset(&pipe_signal, SIGPIPE);
     pthread_sigmask(SIG_UNBLOCK, &pipe_signal, nullptr);
 
+    if (period_.count() > 0) {  // an Init that does not come to its end shows as a cycle overdue
+        const std::lock_guard<std::mutex> lock(state_mutex_);
+        cycle_.due = Clock::now();
+    }
     initialised_ = Guarded("Init", 0, [this] { return Init(); }) != 0;
     const bool run = initialised_;
     init_done_.set();
@@ -53,12 +56,9 @@ void Task::runTask() {
     while (!isCancelled()) {
         if (Clock::now() < next) {
             HandleNext(next);
-            continue;
+        } else {
+            next = RunCycle(next);
         }
-        Guarded("Run", 0, [this] { return Run(); });
-        // A cycle longer than the period skips the runs it missed.
-        const Clock::time_point now = Clock::now();
-        next += period_ * ((now - next) / period_ + 1);
     }
 
     queue_.Close();
@@ -68,6 +68,40 @@ void Task::runTask() {
         UnInit();
         return 0;
     });
+}
+
+Task::Clock::time_point Task::RunCycle(Clock::time_point due) {
+    {
+        const std::lock_guard<std::mutex> lock(state_mutex_);
+        cycle_ = {true, Poco::Timestamp(), Clock::now(), {}, due};
+    }
+    Guarded("Run", 0, [this] { return Run(); });
+    // A cycle longer than the period skips the runs it missed.
+    const Clock::time_point now = Clock::now();
+    const std::lock_guard<std::mutex> lock(state_mutex_);
+    cycle_.running = false;
+    cycle_.end = now;
+    cycle_.due = due + period_ * ((now - due) / period_ + 1);
+    return cycle_.due;
+}
+
+TaskStatus Task::GetStatus() const {
+    using std::chrono::duration_cast;
+    TaskStatus state;
+    state.name = name();
+    state.period = period_;
+    std::tie(state.waiting_messages, state.waiting_bytes) = queue_.Waiting();
+    const std::lock_guard<std::mutex> lock(state_mutex_);
+    const Clock::time_point now = Clock::now();
+    state.running = cycle_.running;
+    state.began = cycle_.began;
+    state.lasted = duration_cast<std::chrono::milliseconds>((cycle_.running ? now : cycle_.end) -
+                                                            cycle_.start);
+    if (cycle_.due != Clock::time_point::max()) {
+        state.due = Poco::Timestamp();
+        state.due += duration_cast<std::chrono::microseconds>(cycle_.due - now).count();
+    }
+    return state;
 }
 
 bool Task::HandleNext(MessageQueue::Clock::time_point deadline) {

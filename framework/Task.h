@@ -7,11 +7,13 @@
 #include <chrono>
 #include <cstddef>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "framework/Message.h"
 #include "framework/MessageQueue.h"
 #include "framework/Policy.h"
+#include "framework/State.h"
 
 namespace Framework {
 
@@ -52,6 +54,8 @@ public:
 
     // Blocks until Init has returned on the task's thread; false when the task does not run.
     bool WaitForInit();
+    // Its cycles and its queue now. Any thread.
+    TaskStatus GetStatus() const;
     // Asks the task to end after what it is doing; returns at once. Any thread.
     void RequestStop();
 
@@ -65,6 +69,17 @@ protected:
     ~Task() override = default;
 
 private:
+    using Clock = MessageQueue::Clock;
+    struct Cycle {
+        bool running = false;
+        Poco::Timestamp began{0};
+        Clock::time_point start;
+        Clock::time_point end;
+        Clock::time_point due = Clock::time_point::max();  // the next one
+    };
+
+    // Runs one cycle and tells when the next is due.
+    Clock::time_point RunCycle(Clock::time_point due);
     // Calls `step`; logs what it throws and then returns `otherwise`.
     template <typename Step>
     int Guarded(const char* what, int otherwise, Step step);
@@ -78,6 +93,8 @@ private:
     std::chrono::seconds period_{0};
     Poco::Event init_done_{false};
     std::atomic<bool> initialised_{false};
+    mutable std::mutex state_mutex_;  // guards what follows
+    Cycle cycle_;
 };
 
 }  // namespace Framework

@@ -96,8 +96,14 @@ TEST(ReportTask, TriesAgainWhileTheFileCannotBeWrittenLeavesNoTornLineAndFollows
     report(a);
     EXPECT_TRUE(Await([&] { return log.Holding("cannot be written, trying again") == 1; }));
     EXPECT_TRUE(becomes({"?half", a}));
+    EXPECT_TRUE(task->Counts().failing);
     fs::remove(folder / "filler");
     EXPECT_TRUE(becomes({"?half", a, b, a}));
+    const ReportCounts counts = task->Counts();
+    EXPECT_EQ(3U, counts.lines);
+    EXPECT_EQ(fs::file_size(path), counts.bytes + std::string("half\n").size());
+    EXPECT_LT(0U, counts.failures);
+    EXPECT_FALSE(counts.failing);
     fs::rename(path, path + ".1");
     report(b);
     EXPECT_TRUE(becomes({b}));
@@ -145,6 +151,7 @@ TEST(PolicyDirectory, DeliversInNameOrderWhatIsReadableWholeAndChanged) {
     const TempDir folder;
     const LogCapture log("watchpost");
     const LogCapture delivered("delivered");
+    const LogCapture lost("lost");
     for (const std::string name : {"z.json", "a.json", "b.txt", "large.json"}) {
         WriteText(folder / name, "first");
     }
@@ -155,7 +162,10 @@ TEST(PolicyDirectory, DeliversInNameOrderWhatIsReadableWholeAndChanged) {
         [](const auto& name, const auto& content) {
             Poco::Logger::get("delivered").information(name + " " + content);
         },
-        [] {});
+        [] {},
+        [](const auto& name, const auto& why) {
+            Poco::Logger::get("lost").information(name + " " + why);
+        });
     Strings expected{"6 a.json first"};
     const auto delivers = [&](const std::string& line) {
         expected.push_back("6 " + line);
@@ -182,6 +192,8 @@ TEST(PolicyDirectory, DeliversInNameOrderWhatIsReadableWholeAndChanged) {
     EXPECT_TRUE(delivers("half.json 12"));
     EXPECT_TRUE(delivered.Lines() == expected || taken > std::chrono::milliseconds(150))
         << testing::PrintToString(delivered.Lines());
+    EXPECT_EQ((Strings{"6 fifo.json Invalid argument", "6 large.json File too large", "6 a.json "}),
+              lost.Lines());
     EXPECT_EQ(1, log.Holding("/large.json cannot be read: "));
     EXPECT_EQ(1, log.Holding("/fifo.json cannot be read: "));
 }
@@ -207,7 +219,8 @@ TEST(PolicyDirectory, SettlesAfterEachScanKeepsNoTextAndTellsOfALostDirectoryOnc
         [&] {
             EXPECT_EQ(files, delivered);
             ++settled;
-        });
+        },
+        [](const auto&, const auto&) {});
     EXPECT_TRUE(Await([&] { return settled > 0; }));
     EXPECT_LT(memory(), before + (2U << 20));
     // The watcher follows the directory, so that a file in it is the event for a scan.

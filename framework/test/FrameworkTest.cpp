@@ -123,6 +123,7 @@ TEST(Task, RunsOnceAPeriodWithoutCatchingUpWhateverMessagesAndFaultsCome) {
         if (step == "Run") {
             starts.push_back(Clock::now());
             if (++runs == 1) {
+                EXPECT_TRUE(task->GetStatus().running);
                 std::this_thread::sleep_for(std::chrono::milliseconds(2100));
                 long_cycle_end = Clock::now();
             }
@@ -139,7 +140,13 @@ TEST(Task, RunsOnceAPeriodWithoutCatchingUpWhateverMessagesAndFaultsCome) {
         }
     });
     EXPECT_TRUE(engine.StartTask(task));
-    EXPECT_TRUE(Await([&] { return runs > 3; }, std::chrono::seconds(15)));
+    EXPECT_TRUE(Await([&] { return runs > 3 && !task->GetStatus().running; }));
+    const Framework::TaskStatus status = task->GetStatus();
+    EXPECT_EQ(std::chrono::seconds(1), status.period);
+    EXPECT_LT(status.lasted, std::chrono::seconds(2)) << "that was another cycle";
+    EXPECT_LT(Poco::Timestamp() - status.began, 30'000'000);
+    EXPECT_LT(status.began, status.due);
+    EXPECT_LT(status.due - status.began, 1'100'000);
     engine.StopTask("busy");
     // However late a run is, the n-th one after the long cycle has n - 1 whole periods before it.
     for (std::size_t i = 1; i < starts.size(); ++i) {
@@ -184,6 +191,13 @@ public:
         RegisterTask(new Probe("worker", 0, tell), false);
         return gives();
     }
+    bool JudgePolicy(const std::string& /*type*/, const std::string& /*text*/, bool host,
+                     std::vector<Framework::Finding>& findings) override {
+        EXPECT_TRUE(host);
+        says(findings);
+        return true;
+    }
+    std::function<void(std::vector<Framework::Finding>&)> says = [](auto&) {};
     std::function<Policy*()> gives;
 };
 
@@ -240,6 +254,51 @@ TEST(Delivery, ReplacesInOrderSwitchesOffAndARefusedDocumentChangesNothing) {
     Expect("b UnInit;b gone;in force;off gone;");
 }
 
+TEST(Delivery, LogsWhatTheJudgeFindsKeepsItWithThePolicyAndHeedsARefusal) {
+    using Framework::Severity;
+    const LogCapture log("watchpost");
+    Poco::AutoPtr<WorkerModule> module(new WorkerModule);
+    module->gives = [] {
+        auto* const policy = new WorkerPolicy("worker", 3600);
+        policy->SetId("7");
+        policy->SetHash("abc");
+        return policy;
+    };
+    const auto deliver = [&](const std::string& key, const auto& says) {
+        module->says = says;
+        const Framework::Delivery delivery = module->DeliverPolicy("10001", key, "");
+        EXPECT_NE(delivery.accepted, !delivery.refusal.empty());
+        module->EnforcePolicies();
+        return delivery.refusal;
+    };
+    EXPECT_EQ("", deliver("a", [](auto& findings) {
+                  findings.push_back({Severity::kWarning, "content.x", "odd", "even it"});
+                  findings.push_back({Severity::kError, "", "bad", ""});
+              }));
+    EXPECT_EQ("all: worse; mend it", deliver("b", [](auto& findings) {
+                  findings.push_back({Severity::kError, "x", "bad", ""});
+                  findings.push_back({Severity::kError, "all", "worse", "mend it", true});
+              }));
+    Expect("in force;a Init;a Run;");
+    EXPECT_EQ(1, log.Count("4 policy a: content.x: odd; even it"));
+    EXPECT_EQ(1, log.Count("3 policy a: bad"));
+    EXPECT_EQ(1, log.Count("3 policy b: all: worse; mend it"));
+    EXPECT_EQ(1, log.Count("3 module workers: policy b refused: worse"));
+    auto states = module->PoliciesInForce();
+    ASSERT_EQ(1U, states.size());
+    const Framework::PolicyState& a = states.front();
+    EXPECT_EQ("workers a feature 7 abc",
+              a.module + " " + a.key + " " + a.name + " " + a.id + " " + a.hash);
+    EXPECT_EQ(2U, a.findings.size());
+    EXPECT_TRUE(a.enabled && Poco::Timestamp() - a.since < 60'000'000);
+    EXPECT_EQ("", deliver("c", [](auto&) { throw std::runtime_error("lost"); }));
+    EXPECT_EQ(1, log.Count("3 policy c not judged by module workers: lost"));
+    EXPECT_EQ("c", module->PoliciesInForce().front().key);
+    EXPECT_TRUE(module->PoliciesInForce().front().findings.empty());
+    module->UnInit();
+    Expect("a UnInit;a gone;in force;c Init;c Run;c UnInit;c gone;");
+}
+
 TEST(Modules, BadOnesAreOneErrorLineEachAndTheSoundOneWorks) {
     TestSupport::RunningReceiver reports;
     const LogCapture log("watchpost");
@@ -251,6 +310,18 @@ TEST(Modules, BadOnesAreOneErrorLineEachAndTheSoundOneWorks) {
     EXPECT_EQ(5, log.Errors());
     engine.DeliverPolicy("10001", "good.json", "document");
     engine.EnforcePolicies();
+    // Its callback gives no policy.
+    const auto refused = [] {
+        std::string keys;
+        for (const auto& each : engine.GetState().refused) {
+            keys += each.key + ": " + each.why + ";";
+        }
+        return keys;
+    };
+    EXPECT_EQ("good.json: module fixture does not take it, as its log lines tell;", refused());
+    engine.ForgetPolicy("good.json");
+    engine.DeliverPolicy("10002", "other.json", "document");
+    EXPECT_EQ("other.json: no module takes policies of its type;", refused());
     engine.StopModules();
     // The module that failed had started its task; that one has ended, too.
     std::string texts;
@@ -258,6 +329,14 @@ TEST(Modules, BadOnesAreOneErrorLineEachAndTheSoundOneWorks) {
         texts += report.second + " ";
     }
     EXPECT_EQ("start end start document end end ", texts);
+}
+
+TEST(Modules, AreLoadedWithoutInitToo) {
+    TestSupport::RunningReceiver reports;
+    engine.LoadModules(FIXTURE_DIR, false);
+    EXPECT_EQ(2U, engine.Modules().size());
+    engine.StopModules();
+    EXPECT_TRUE(reports.Finish().empty());
 }
 
 }  // namespace
