@@ -188,14 +188,16 @@ private:
         } else if (text.empty()) {
             findings_.Fail(server.key, "is empty", "name a server");
         } else if (IsBracketedIpv6(text)) {
-            Of(DaemonKind::kSyslogng, false, server.key,
-               "an address in brackets is taken for a name", "write the address without brackets");
+            Of(DaemonKind::kSyslogng, true, server.key,
+               "an address in brackets is taken for a name: nothing arrives there",
+               "write the address without brackets");
         } else if (IsIpv6(text)) {
             Of(DaemonKind::kRsyslog, true, server.key,
-               "an IPv6 address without brackets is cut at its first colon",
+               "an IPv6 address without brackets is cut at its first colon: nothing arrives there",
                "write [" + text + "]");
             if (wanted_.server_type == "udp") {
-                Of(DaemonKind::kSyslogng, true, server.key, "an IPv6 address needs another driver",
+                Of(DaemonKind::kSyslogng, true, server.key,
+                   "an IPv6 address needs another driver: nothing arrives there",
                    "set server_type to udp6");
             }
         } else if (Holds(text, kBlanksQuotesBrackets)) {
@@ -249,30 +251,49 @@ private:
             return;
         }
         if (path.front() != '/') {
-            findings_.Fail(key, "is no absolute path: the daemon does not find it",
+            findings_.Warn(key, "is no absolute path: the daemon looks for it where it was started",
                            "begin it with /");
         }
-        if (Holds(path, "*?[")) {
-            Of(DaemonKind::kSyslogng, false, key, "a pattern is taken for the name of one file",
-               "name each file");
+        if (Holds(path, "*?")) {
+            findings_.Warn(key, "is a pattern: every file that it matches is forwarded",
+                           "name each file, unless you mean that");
+        } else if (Holds(path, "[{")) {
+            Of(DaemonKind::kRsyslog, false, key,
+               "is a pattern: every file that it matches is forwarded",
+               "name each file, unless you mean that");
         }
-        if (Holds(path, " ,{}[]*?^@#'`()<>!;=")) {
-            Profile(file);
+        if (Holds(path, "`")) {
+            Of(DaemonKind::kSyslogng, true, key,
+               "holds a backtick: the daemon does not start any more", "rename the file");
         }
-    }
-
-    void Profile(const WantedForwarding::File& file) {
-        Of(DaemonKind::kSyslogng, true, file.place.key,
-           "holds a character that its AppArmor profile reads in another way", "rename the file");
+        if (path.front() != '/' || Holds(path, " !{}")) {
+            Of(DaemonKind::kSyslogng, true, key,
+               "makes the daemon's AppArmor profile one that does not compile", "rename the file");
+        }
     }
 
     void Port(const WantedForwarding::File& file) {
-        if (Holds(file.port, kBlanksQuotesBrackets)) {
-            findings_.Refuse(file.place.key, "has a blank, a quote or a bracket in its port",
+        const std::string& port = file.port;
+        const std::string& key = file.place.key;
+        const std::string no_port = "\"" + port + "\" is no port from 1 to 65535";
+        const std::size_t digits = std::min(port.find_first_not_of("0123456789"), port.size());
+        if (Holds(port, kBlanksQuotesBrackets)) {
+            findings_.Refuse(key, "has a blank, a quote or a bracket in its port",
                              "write FILE:PORT");
-        } else if (!IsPort(file.port)) {
-            findings_.Fail(file.place.key, "\"" + file.port + "\" is no port from 1 to 65535",
-                           "write FILE:PORT");
+        } else if (port.empty() || Holds(port, ";#,&")) {
+            findings_.Fail(
+                key,
+                no_port + ": the file is not forwarded" +
+                    (kind_ == DaemonKind::kRsyslog ? ""
+                                                   : ", and syslog-ng does not start any more"),
+                "write FILE:PORT");
+        } else if (IsPort(port.substr(0, digits)) && digits < port.size()) {
+            Of(DaemonKind::kSyslogng, true, key, no_port + ": the file is not forwarded",
+               "write FILE:PORT");
+            Of(DaemonKind::kRsyslog, false, key, no_port + ", and is cut behind its digits",
+               "write FILE:PORT");
+        } else if (!IsPort(port)) {
+            findings_.Fail(key, no_port + ": the file is not forwarded", "write FILE:PORT");
         }
     }
 

@@ -1,4 +1,5 @@
 #include <arpa/inet.h>
+#include <glob.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -68,12 +69,27 @@ void JudgeSyslogng(Findings& findings) {
     }
 }
 
-void JudgeFile(const WantedForwarding::File& file, Findings& findings) {
+bool Matches(const std::string& pattern) {
+    glob_t found = {};
+    const bool some = glob(pattern.c_str(), GLOB_BRACE | GLOB_NOSORT, nullptr, &found) == 0;
+    globfree(&found);
+    return some;
+}
+
+void JudgeFile(const WantedForwarding::File& file, DaemonKind kind, Findings& findings) {
     struct stat status = {};
-    if (file.path.front() != '/' || file.path.find_first_of("*?[") != std::string::npos) {
+    const char* const wildcards = kind == DaemonKind::kSyslogng ? "*?" : "*?[{";
+    if (file.path.front() != '/') {
         return;
     }
-    if (stat(file.path.c_str(), &status) != 0) {
+    if (const std::size_t wildcard = file.path.find_first_of(wildcards);
+        wildcard != std::string::npos) {
+        // Patterns of directories may take a walk through the whole file system.
+        if (wildcard > file.path.rfind('/') && !Matches(file.path)) {
+            findings.Warn(file.place.key, "no file matches " + file.path,
+                          "nothing is forwarded until one does");
+        }
+    } else if (stat(file.path.c_str(), &status) != 0) {
         findings.Warn(file.place.key, file.path + ": " + std::strerror(errno),
                       "nothing is forwarded until the file is there");
     } else if (S_ISDIR(status.st_mode)) {
@@ -127,7 +143,7 @@ void JudgeHost(const Json::Value& document, const SyslogDaemon& daemon, Findings
         JudgeSyslogng(findings);
     }
     for (const auto& file : wanted.files) {
-        JudgeFile(file, findings);
+        JudgeFile(file, daemon.kind, findings);
     }
     JudgeNames(wanted.servers, findings);
 }

@@ -42,6 +42,7 @@ std::string OwnWords(const std::string& output) {
     for (std::string line; std::getline(lines, line);) {
         const bool usual = boost::icontains(line, "config validation run") ||
                            boost::contains(line, "'statefile' deprecated but accepted") ||
+                           boost::contains(line, "capability management disabled") ||
                            line.find_first_not_of(" \t") == std::string::npos;
         if (!usual) {
             words += line + "\n";
