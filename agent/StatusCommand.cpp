@@ -1,19 +1,173 @@
+#include <Poco/DateTimeFormatter.h>
+#include <Poco/LocalDateTime.h>
+#include <Poco/Timestamp.h>
 #include <sysexits.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iomanip>
 #include <iostream>
 
 #include "agent/Commands.h"
 #include "agent/Settings.h"
 #include "agent/StartError.h"
+#include "agent/StatusJudgement.h"
+#include "agent/StatusTask.h"
 #include "sdk/FileUtils.h"
+#include "sdk/JsonUtils.h"
+#include "sdk/StringUtils.h"
 
 namespace {
 
+using SDK::JsonUtils::GetBoolValue;
+using SDK::JsonUtils::GetIntValue;
+using SDK::JsonUtils::GetStringValue;
+
 constexpr std::size_t kMaxSize = 1 << 20;
-constexpr int kNotRunning = 3;
 constexpr int kUnreadable = 4;
+
+// What the file holds; nothing when there is no file.
+Json::Value Read(const std::string& path) {
+    Json::Value status(Json::objectValue);
+    std::string text;
+    const int error = SDK::FileUtils::ReadFile(path, text, kMaxSize);
+    if (error == ENOENT) {
+        return status;
+    }
+    if (error != 0) {
+        throw StartError{kUnreadable, "status file " + path + ": " + std::strerror(error)};
+    }
+    if (SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), status) != 0 || !status.isObject()) {
+        throw StartError{kUnreadable, "status file " + path + " is none: not a JSON object"};
+    }
+    return status;
+}
+
+// A whole number of any size.
+std::string Number(const Json::Value& value, const char* key) {
+    return value[key].isIntegral() ? value[key].asString() : "0";
+}
+
+bool IsAlive(const Json::Value& status) {
+    const std::uint64_t start = ProcessStart(GetIntValue(status, "pid", 0));
+    return start != 0 && Number(status, "process_start") == std::to_string(start);
+}
+
+// Writes a line to the terminal, the label in a column of its own.
+void Print(const std::string& label, const std::string& text) {
+    std::cout << std::left << std::setw(12) << label << SDK::StringUtils::ToPrintable(text) << '\n';
+}
+
+// Prints the lines under one label.
+void Print(const std::string& label, const std::vector<std::string>& lines) {
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+        Print(i == 0 ? label : "", lines[i]);
+    }
+}
+
+std::vector<Json::Value> Entries(const Json::Value& value, const char* key) {
+    Json::Value entries(Json::arrayValue);
+    SDK::JsonUtils::GetArrayValue(value, key, entries);
+    return {entries.begin(), entries.end()};
+}
+
+// "3 min ago" or "in 7 s".
+std::string FromNow(const Poco::Timestamp& time) {
+    const auto seconds = (Poco::Timestamp() - time) / Poco::Timestamp::resolution();
+    return seconds >= 0 ? DescribeSeconds(seconds) + " ago" : "in " + DescribeSeconds(-seconds);
+}
+
+std::string Since(const Json::Value& value) {
+    const Poco::Timestamp time = GetTime(value, "since");
+    return "since " +
+           Poco::DateTimeFormatter::format(Poco::LocalDateTime(time), "%Y-%m-%d %H:%M:%S") + ", " +
+           FromNow(time);
+}
+
+std::vector<std::string> Policies(const Json::Value& status) {
+    std::vector<std::string> lines;
+    for (const Json::Value& policy : Entries(status, "policies")) {
+        lines.push_back(
+            GetStringValue(policy, "key", "") + ": " + GetStringValue(policy, "name", "") + " of " +
+            GetStringValue(policy, "module", "") +
+            (GetBoolValue(policy, "enabled", false) ? ", " : ", switched off, ") + Since(policy));
+        for (const Json::Value& finding : Entries(policy, "findings")) {
+            lines.push_back("  " + GetStringValue(finding, "severity", "") + ": " +
+                            Framework::Describe({{},
+                                                 GetStringValue(finding, "key", ""),
+                                                 GetStringValue(finding, "problem", ""),
+                                                 GetStringValue(finding, "advice", "")}));
+        }
+    }
+    return lines.empty() ? std::vector<std::string>{"none"} : lines;
+}
+
+std::string Cycles(const Json::Value& task) {
+    if (GetIntValue(task, "period_s", 0) == 0) {
+        return "works when asked";
+    }
+    std::string text = "every " + Number(task, "period_s") + " s";
+    const Poco::Timestamp began = GetTime(task, "began");
+    if (began != 0) {
+        text += GetBoolValue(task, "running", false)
+                    ? ", in a cycle that began " + FromNow(began)
+                    : ", last cycle " + FromNow(began) + " for " + Number(task, "lasted_ms") +
+                          " ms, next " + FromNow(GetTime(task, "due"));
+    }
+    return text;
+}
+
+std::vector<std::string> Tasks(const Json::Value& status) {
+    std::vector<std::string> lines;
+    std::size_t width = 0;
+    for (const Json::Value& task : Entries(status, "tasks")) {
+        width = std::max(width, GetStringValue(task, "name", "").size());
+    }
+    for (const Json::Value& task : Entries(status, "tasks")) {
+        std::string name = GetStringValue(task, "name", "");
+        name.resize(width, ' ');
+        const std::string waiting = Number(task, "waiting_messages");
+        lines.push_back(name + "  " + Cycles(task) +
+                        (waiting == "0" ? "" : ", " + waiting + " messages wait"));
+    }
+    return lines.empty() ? std::vector<std::string>{"none"} : lines;
+}
+
+std::string Reports(const Json::Value& reports) {
+    std::string text = Number(reports, "lines") + " written";
+    std::string before = ": ";
+    for (const std::string& type : reports["by_type"].getMemberNames()) {
+        text += before + Number(reports["by_type"], type.c_str()) + " " + type;
+        before = ", ";
+    }
+    const std::string waiting = Number(reports, "waiting_messages");
+    return text + (waiting == "0"
+                       ? "; none waits"
+                       : "; " + waiting + " wait, " + Number(reports, "waiting_bytes") + " bytes");
+}
+
+void PrintStatus(const Json::Value& status) {
+    Print("process", Number(status, "pid") + ", watchpost " +
+                         GetStringValue(status, "version", "") + ", " + Since(status));
+    Print("policies", Policies(status));
+    Print("tasks", Tasks(status));
+    Json::Value reports(Json::objectValue);
+    SDK::JsonUtils::GetSubobjectValue(status, "reports", reports);
+    Print("reports", Reports(reports));
+    std::vector<std::string> conditions;
+    for (const Json::Value& condition : Entries(status, "conditions")) {
+        conditions.push_back((GetBoolValue(condition, "good", false) ? "good  " : "BAD   ") +
+                             GetStringValue(condition, "subject", "") + ": " +
+                             GetStringValue(condition, "text", ""));
+    }
+    Print("conditions", conditions);
+    Json::Value error;
+    if (SDK::JsonUtils::GetSubobjectValue(status, "last_error", error)) {
+        Print("last error",
+              FromNow(GetTime(error, "time")) + ": " + GetStringValue(error, "text", ""));
+    }
+}
 
 }  // namespace
 
@@ -23,12 +177,26 @@ int Commands::Status(Watchpost& /*engine*/, const Settings& settings,
         throw StartError{EX_USAGE, "unexpected argument " + arguments.front()};
     }
     const std::string path = settings.Get("status.file");
-    std::string text;
-    const int error = SDK::FileUtils::ReadFile(path, text, kMaxSize);
-    if (error != 0) {
-        throw StartError{error == ENOENT ? kNotRunning : kUnreadable,
-                         "status file " + path + ": " + std::strerror(error)};
+    Json::Value status = Read(path);
+    const StatusJudgement judgement =
+        status.empty()
+            ? StatusJudgement{StatusJudgement::kNotRunning, {"there is no status file " + path}}
+            : JudgeStatus(status, Poco::Timestamp(), IsAlive(status));
+    if (settings.IsSet("json")) {
+        status["state"] = judgement.Name();
+        status["reasons"] = Json::Value(Json::arrayValue);
+        for (const std::string& reason : judgement.reasons) {
+            status["reasons"].append(reason);
+        }
+        std::cout << SDK::JsonUtils::JsonToString(status) << '\n';
+        return judgement.state;
     }
-    std::cout << text;
-    return 0;
+    Print("state", judgement.Name());
+    for (const std::string& reason : judgement.reasons) {
+        Print("", "- " + reason);
+    }
+    if (judgement.state != StatusJudgement::kNotRunning) {
+        PrintStatus(status);
+    }
+    return judgement.state;
 }

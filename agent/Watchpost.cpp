@@ -23,6 +23,7 @@
 #include "agent/ReportTask.h"
 #include "agent/Signals.h"
 #include "agent/StartError.h"
+#include "agent/StatusTask.h"
 #include "framework/Log.h"
 #include "sdk/InnerCpuCtrlUtils.h"
 #include "sdk/LoggerUtils.h"
@@ -49,14 +50,16 @@ const Command kCommands[] = {
 const char* const kHome = "/usr/local/watchpost";
 const char* const kConfiguration = "/usr/local/watchpost/conf/watchpost.properties";
 
-// Ends what runs, also when the start fails half-way: modules with their tasks, and last the
-// report task, which writes what is still queued. The policy directory is gone by then.
+// Ends what runs, also when the start fails half-way: modules with their tasks, then the report
+// task, which writes what is still queued, and last what tells of all that. The policy directory is
+// gone by then.
 struct StopAtExit {
     Framework::Engine& engine;
 
     ~StopAtExit() {
         engine.StopModules();
         engine.StopTask(ReportTask::kName);
+        engine.StopTask(StatusTask::kName);
         Framework::Log().information("watchpost has stopped");
     }
 };
@@ -228,6 +231,7 @@ int Watchpost::Serve() {
     StartTask(report);
     const StopAtExit stop{*this};
     LoadModules(module_dir);
+    StartTask(new StatusTask(settings_.Get("status.file"), report));
     const PolicyDirectory policies(
         policy_dir,
         [this](const auto& name, const auto& content) {

@@ -6,8 +6,6 @@
 #include <Poco/Message.h>
 #include <Poco/PatternFormatter.h>
 
-#include <cstddef>
-
 #include "sdk/LogFile.h"
 #include "sdk/StringUtils.h"
 

@@ -201,6 +201,49 @@ TEST(EndToEnd, TwentyPoliciesInTenSecondsLeaveTheDaemonRunningUnderTheLast) {
     EXPECT_EQ(0, agent.Stop());
 }
 
+// The exit status of `watchpost status`, whose output goes to /run/out.
+int Status(const std::string& options = "") {
+    const std::string program =
+        std::filesystem::read_symlink("/proc/self/exe").parent_path() / "watchpost";
+    return WEXITSTATUS(std::system((program + " status " + options + " >/run/out 2>&1").c_str()));
+}
+
+TEST(EndToEnd, StatusTellsTheHealthyFromTheWrongFromTheDead) {
+    const auto becomes = [](int status, const std::string& piece) {
+        EXPECT_TRUE(Await([&] {
+            return Status() == status && Occurrences(ReadText("/run/out"), piece) == 1;
+        })) << ReadText("/run/out");
+    };
+    becomes(3, "there is no status file /run/watchpost/status.json");
+    {
+        const Daemon rsyslogd("rsyslogd");
+        AgentProcess agent;
+        AgentProcess::Policy("p.json", Policy(R"({"server_type":"udp","server":["127.0.0.1"],
+            "log_path":["/var/log/a.log:9"]})"));
+        becomes(0, " and holds the configuration that the agent has written");
+        AgentProcess::Policy("p.json", Policy("{}", R"("enable":"enable",)"));
+        becomes(0, "p.json: rsyslog_feature of rsyslog_module, since ");
+        becomes(0, "rsyslog_task     every 10 s, last cycle");
+        becomes(0, "1 written: 1 rsyslog_3; none waits");
+        AgentProcess::Policy("b\x1b[2J.json", "{");
+        becomes(1, "- policy b\\x1B[2J.json refused: ");
+        EXPECT_EQ(1, Status("--json"));
+        EXPECT_EQ(1, Occurrences(ReadText("/run/out"), R"("state":"wrong")"));
+        std::filesystem::remove(AgentProcess::Path("policy/b\x1b[2J.json"));
+        becomes(0, "healthy");
+        EXPECT_EQ(0, agent.Stop());
+        becomes(3, "no status file");
+    }
+    {
+        AgentProcess agent;
+        becomes(0, "policies    none");
+        agent.Stop(SIGKILL);
+        becomes(3, "ended without a stop");
+    }
+    WriteText("/run/conf", "status.file = /run");
+    EXPECT_EQ(4, Status("--config=/run/conf"));
+}
+
 // Servers behind an interface where nobody answers: a probe of each takes three seconds.
 TEST(EndToEnd, AStopEndsACycleBetweenTwoProbes) {
     const Daemon rsyslogd("rsyslogd");

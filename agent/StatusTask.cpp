@@ -1,0 +1,224 @@
+#include "agent/StatusTask.h"
+
+#include <Poco/DateTimeFormatter.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <utility>
+
+#include "framework/Engine.h"
+#include "framework/Log.h"
+#include "sdk/Descriptor.h"
+#include "sdk/JsonUtils.h"
+
+namespace {
+
+constexpr int kPeriodSeconds = 2;
+constexpr std::size_t kQueueCapacity = 1;  // nobody sends it anything
+// What the file may hold, so that it stays small whatever documents and hosts are like.
+constexpr std::size_t kMaxText = 300;
+constexpr std::size_t kMaxEntries = 50;
+
+std::string Text(const std::string& text) {
+    return text.size() <= kMaxText ? text : text.substr(0, kMaxText) + "...";
+}
+
+Json::Value Time(const Poco::Timestamp& time) {
+    return time == 0 ? Json::Value()
+                     : Json::Value(Poco::DateTimeFormatter::format(time, "%Y-%m-%dT%H:%M:%S.%iZ"));
+}
+
+// The list of what `describe` makes of the entries.
+template <typename Entries, typename Describe>
+Json::Value List(const Entries& entries, Describe describe) {
+    Json::Value list(Json::arrayValue);
+    for (const auto& entry : entries) {
+        if (list.size() < kMaxEntries) {
+            list.append(describe(entry));
+        }
+    }
+    return list;
+}
+
+Json::Value DescribeFinding(const Framework::Finding& finding) {
+    Json::Value value;
+    value["severity"] = Name(finding.severity);
+    value["key"] = Text(finding.key);
+    value["problem"] = Text(finding.problem);
+    value["advice"] = Text(finding.advice);
+    return value;
+}
+
+Json::Value DescribePolicy(const Framework::PolicyState& policy) {
+    Json::Value value;
+    value["module"] = policy.module;
+    value["key"] = policy.key;
+    value["name"] = policy.name;
+    value["id"] = Text(policy.id);
+    value["hash"] = Text(policy.hash);
+    value["enabled"] = policy.enabled;
+    value["since"] = Time(policy.since);
+    value["findings"] = List(policy.findings, DescribeFinding);
+    return value;
+}
+
+Json::Value DescribeRefused(const Framework::RefusedPolicy& refused) {
+    Json::Value value;
+    value["key"] = refused.key;
+    value["time"] = Time(refused.when);
+    value["why"] = Text(refused.why);
+    return value;
+}
+
+Json::Value DescribeTask(const Framework::TaskStatus& task) {
+    Json::Value value;
+    value["name"] = task.name;
+    value["period_s"] = Json::Int64(task.period.count());
+    value["running"] = task.running;
+    value["began"] = Time(task.began);
+    value["lasted_ms"] = Json::Int64(task.lasted.count());
+    value["due"] = Time(task.due);
+    value["waiting_messages"] = Json::UInt64(task.waiting_messages);
+    value["waiting_bytes"] = Json::UInt64(task.waiting_bytes);
+    return value;
+}
+
+Json::Value DescribeCondition(const Framework::ModuleCondition& condition) {
+    Json::Value value;
+    value["module"] = condition.module;
+    value["subject"] = Text(condition.condition.subject);
+    value["good"] = condition.condition.good;
+    value["text"] = Text(condition.condition.text);
+    return value;
+}
+
+Json::Value DescribeReports(const ReportCounts& counts, const Framework::TaskStatus& task) {
+    Json::Value value;
+    value["by_type"] = Json::Value(Json::objectValue);
+    for (const auto& [type, count] : counts.by_type) {
+        value["by_type"][Text(type)] = Json::UInt64(count);
+    }
+    value["lines"] = Json::UInt64(counts.lines);
+    value["bytes"] = Json::UInt64(counts.bytes);
+    value["failures"] = Json::UInt64(counts.failures);
+    value["failing"] = counts.failing;
+    value["waiting_messages"] = Json::UInt64(task.waiting_messages);
+    value["waiting_bytes"] = Json::UInt64(task.waiting_bytes);
+    return value;
+}
+
+}  // namespace
+
+std::uint64_t ProcessStart(pid_t process) {
+    std::ifstream file("/proc/" + std::to_string(process) + "/stat");
+    std::string line;
+    std::getline(file, line);
+    // Behind the program's name, which may hold anything: state, then 18 fields, then the start.
+    std::istringstream fields(line.substr(line.rfind(')') + 1));
+    std::string field;
+    fields >> field;
+    if (field == "Z" || field == "X") {
+        return 0;
+    }
+    for (int skipped = 0; skipped < 18; ++skipped) {
+        fields >> field;
+    }
+    std::uint64_t start = 0;
+    fields >> start;
+    return start;
+}
+
+StatusTask::StatusTask(const std::string& path, Poco::AutoPtr<ReportTask> report)
+    : Framework::Task(kName, "", Framework::TaskCondition::kPeriodic, kQueueCapacity),
+      path_(path),
+      beside_(path + ".new"),
+      report_(std::move(report)),
+      process_start_(ProcessStart(getpid())) {
+    Framework::TaskPolicy policy(kName);
+    policy.SetCondition(Framework::TaskCondition::kPeriodSeconds, kPeriodSeconds);
+    Attach(nullptr, policy);
+}
+
+int StatusTask::Init() {
+    Run();
+    return 1;
+}
+
+int StatusTask::Run() {
+    const int error = Write(SDK::JsonUtils::JsonToString(Describe()) + "\n");
+    if (error != 0 && trouble_ == 0) {
+        Framework::Log().error("status file " + path_ +
+                               " cannot be written, trying again: " + std::strerror(error));
+    } else if (error == 0 && trouble_ != 0) {
+        Framework::Log().information("status file " + path_ + " is written again");
+    }
+    trouble_ = error;
+    return 0;
+}
+
+void StatusTask::UnInit() {
+    unlink(path_.c_str());
+}
+
+Json::Value StatusTask::Describe() const {
+    Framework::State state = Framework::Engine::Instance().GetState();
+    // This task and that of the reports, which are told of by themselves.
+    state.tasks.erase(
+        std::remove_if(
+            state.tasks.begin(), state.tasks.end(),
+            [](const auto& task) { return task.name == kName || task.name == ReportTask::kName; }),
+        state.tasks.end());
+    Json::Value value;
+    value["written"] = Time(Poco::Timestamp());
+    value["pid"] = getpid();
+    value["process_start"] = Json::UInt64(process_start_);
+    value["version"] = WATCHPOST_VERSION;
+    value["since"] = Time(since_);
+    value["policies"] = List(state.policies, DescribePolicy);
+    value["refused"] = List(state.refused, DescribeRefused);
+    value["tasks"] = List(state.tasks, DescribeTask);
+    value["reports"] = DescribeReports(report_->Counts(), report_->GetStatus());
+    value["conditions"] = List(state.conditions, DescribeCondition);
+    return value;
+}
+
+// Neither the disk is waited for, as SDK::FileUtils::WriteFile does, nor an old file kept: what
+// counts is that a reader gets a whole one.
+int StatusTask::Write(const std::string& text) const {
+    SDK::Descriptor file;
+    if (const int error = file.Reset(Create()); error != 0) {
+        return error;
+    }
+    const ssize_t written = write(file.Get(), text.data(), text.size());
+    if (written == static_cast<ssize_t>(text.size()) &&
+        std::rename(beside_.c_str(), path_.c_str()) == 0) {
+        return 0;
+    }
+    const int error = written >= 0 && written < static_cast<ssize_t>(text.size()) ? ENOSPC : errno;
+    unlink(beside_.c_str());
+    return error;
+}
+
+int StatusTask::Create() const {
+    constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC;
+    constexpr mode_t kMode = 0640;
+    constexpr mode_t kDirectoryMode = 0755;
+    int file = open(beside_.c_str(), kFlags, kMode);
+    if (file < 0 && errno == EEXIST && unlink(beside_.c_str()) == 0) {
+        file = open(beside_.c_str(), kFlags, kMode);
+    } else if (file < 0 && errno == ENOENT) {
+        const std::string directory = path_.substr(0, path_.rfind('/'));
+        if (mkdir(directory.c_str(), kDirectoryMode) == 0 &&
+            chmod(directory.c_str(), kDirectoryMode) == 0) {  // whatever the umask
+            file = open(beside_.c_str(), kFlags, kMode);
+        }
+    }
+    return file;
+}

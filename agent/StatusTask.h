@@ -1,0 +1,48 @@
+#pragma once
+
+#include <Poco/AutoPtr.h>
+#include <Poco/Timestamp.h>
+#include <json/value.h>
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+
+#include "agent/ReportTask.h"
+#include "framework/State.h"
+#include "framework/Task.h"
+
+// Keeps the status file current: how the agent fares, one line of JSON as docs/operations.md tells,
+// replaced every two seconds and removed at the end. Its directory is made when it is missing. A
+// file that cannot be written is an error line, once, and tried again.
+class StatusTask : public Framework::Task {
+public:
+    static constexpr const char* kName = "status";
+
+    // `report`: the task whose counts are told.
+    StatusTask(const std::string& path, Poco::AutoPtr<ReportTask> report);
+
+    int Init() override;
+    int Run() override;
+    void UnInit() override;
+
+protected:
+    ~StatusTask() override = default;
+
+private:
+    Json::Value Describe() const;
+    // 0 or an errno value, as the next.
+    int Write(const std::string& text) const;
+    int Create() const;
+
+    const std::string path_;
+    const std::string beside_;  // what is to take the file's place
+    const Poco::AutoPtr<ReportTask> report_;
+    const Poco::Timestamp since_;
+    const std::uint64_t process_start_;
+    int trouble_ = 0;  // why the file could not be written
+};
+
+// When the process started, in clock ticks since the boot: with its id this names it for good. 0
+// when it has ended.
+std::uint64_t ProcessStart(pid_t process);

@@ -1,0 +1,122 @@
+#include <Poco/DateTime.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+
+#include "agent/StatusJudgement.h"
+#include "agent/StatusTask.h"
+#include "sdk/JsonUtils.h"
+#include "sdk/test/TempDir.h"
+#include "test/support/TestSupport.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+Json::Value Parsed(const std::string& text) {
+    Json::Value value;
+    EXPECT_EQ(0, SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), value)) << text;
+    return value;
+}
+
+std::string Task(const std::string& running, const std::string& began, const std::string& due) {
+    return R"("tasks":[{"name":"t","period_s":10,"running":)" + running +
+           R"(,"began":"2026-01-01T)" + began + R"(Z","due":"2026-01-01T)" + due + R"(Z"}])";
+}
+
+TEST(JudgeStatus, TellsHealthyFromWrongFromNotRunning) {
+    using State = StatusJudgement;
+    const struct {
+        std::string member;  // besides what every file has
+        State::State state;
+        std::string reasons;  // each with a ";" behind it
+        int age = 2;          // seconds
+        bool alive = true;
+    } cases[] = {
+        {R"("pid":7)", State::kNotRunning,
+         "process 7 ended without a stop, its status file is 3 min old;", 185, false},
+        {"\"pid\":7", State::kHealthy, "", 30},
+        {"\"pid\":7", State::kHealthy, "", -30},
+        {"\"pid\":7", State::kWrong,
+         "the status file, to be written every few seconds, is 31 s old;", 31},
+        {R"("conditions":[{"subject":"a","good":true,"text":"b"}])", State::kHealthy, ""},
+        {R"("conditions":[{"subject":"a","good":true},{"subject":"b","good":false,"text":"c"}],
+            "refused":[{"key":"x.json","why":"odd"},{"key":"y.json","why":"bad"}])",
+         State::kWrong, "b: c;policy x.json refused: odd;policy y.json refused: bad;"},
+        // Written at 12:00:00.
+        {Task("false", "11:58:40.500", "11:58:50.000"), State::kHealthy, ""},
+        {Task("false", "11:58:38.500", "11:58:48.999"), State::kWrong,
+         "task t: its next cycle is overdue by 71 s;"},
+        {Task("true", "11:50:00", "11:50:00"), State::kHealthy, ""},
+        {Task("true", "11:49:58", "11:49:58"), State::kWrong,
+         "task t: its cycle has been running for 10 min;"},
+        {R"("tasks":[{"name":"t","period_s":0,"running":false,"began":null,"due":null}])",
+         State::kHealthy, ""},
+        {R"("reports":{"failing":false})", State::kHealthy, ""},
+        {R"("reports":{"failing":true})", State::kWrong, "the report file cannot be written;"},
+    };
+    for (const auto& c : cases) {
+        const Json::Value status =
+            Parsed(R"({"written":"2026-01-01T12:00:00.000Z",)" + c.member + "}");
+        const Poco::Timestamp now =
+            Poco::DateTime(2026, 1, 1, 12).timestamp() + Poco::Timespan(c.age, 0);
+        const StatusJudgement judgement = JudgeStatus(status, now, c.alive);
+        std::string reasons;
+        for (const std::string& reason : judgement.reasons) {
+            reasons += reason + ";";
+        }
+        EXPECT_EQ(c.state, judgement.state) << c.member;
+        EXPECT_EQ(c.reasons, reasons);
+    }
+}
+
+TEST(StatusTask, WritesAWholeReadableFileTriesAgainAndRemovesIt) {
+    const TempDir folder;
+    const TestSupport::LogCapture log("watchpost");
+    const std::string directory = folder / "run";
+    const std::string path = directory + "/status.json";
+    Poco::AutoPtr<ReportTask> report(new ReportTask(folder / "report"));
+    Poco::AutoPtr<StatusTask> task(new StatusTask(path, report));
+    const mode_t usual = umask(027);
+    task->Run();
+    umask(usual);
+    EXPECT_EQ(0755, static_cast<int>(fs::status(directory).permissions()));
+    EXPECT_EQ(0640, static_cast<int>(fs::status(path).permissions()));
+    const Json::Value status = Parsed(TestSupport::ReadText(path));
+    EXPECT_EQ(getpid(), status["pid"].asInt());
+    EXPECT_EQ(ProcessStart(getpid()), status["process_start"].asUInt64());
+    EXPECT_EQ(StatusJudgement::kHealthy, JudgeStatus(status, Poco::Timestamp(), true).state);
+
+    fs::rename(directory, folder / "away");
+    TestSupport::WriteText(directory, "in the way");
+    task->Run();
+    task->Run();
+    EXPECT_EQ(1, log.Holding("3 status file " + path + " cannot be written, trying again: Not a"));
+    fs::remove(directory);
+    fs::rename(folder / "away", directory);
+    TestSupport::WriteText(path + ".new", "left by one that was killed");
+    task->Run();
+    EXPECT_EQ(1, log.Holding("6 status file " + path + " is written again"));
+    task->UnInit();
+    EXPECT_TRUE(fs::is_empty(directory));
+}
+
+TEST(ProcessStart, TellsTheLivingFromTheDead) {
+    const pid_t child = fork();
+    if (child == 0) {
+        pause();
+        _exit(0);
+    }
+    EXPECT_LT(0U, ProcessStart(child));
+    kill(child, SIGKILL);
+    siginfo_t ended;
+    waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOWAIT);
+    EXPECT_EQ(0U, ProcessStart(child)) << "nobody has waited for it";
+    waitpid(child, nullptr, 0);
+    EXPECT_EQ(0U, ProcessStart(child));
+}
+
+}  // namespace
