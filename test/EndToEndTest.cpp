@@ -216,15 +216,18 @@ TEST(EndToEnd, StatusTellsTheHealthyFromTheWrongFromTheDead) {
     };
     becomes(3, "there is no status file /run/watchpost/status.json");
     {
-        const Daemon rsyslogd("rsyslogd");
         AgentProcess agent;
+        AgentProcess::Policy("p.json", Policy("{}"));
+        becomes(1, "1 written: 1 rsyslog_3; none waits");
+        const Daemon rsyslogd("rsyslogd");
         AgentProcess::Policy("p.json", Policy(R"({"server_type":"udp","server":["127.0.0.1"],
             "log_path":["/var/log/a.log:9"]})"));
         becomes(0, " and holds the configuration that the agent has written");
+        WriteText(kInclude, "");
+        becomes(1, " has been changed or removed since the agent wrote it");
         AgentProcess::Policy("p.json", Policy("{}", R"("enable":"enable",)"));
         becomes(0, "p.json: rsyslog_feature of rsyslog_module, since ");
         becomes(0, "rsyslog_task     every 10 s, last cycle");
-        becomes(0, "1 written: 1 rsyslog_3; none waits");
         AgentProcess::Policy("b\x1b[2J.json", "{");
         becomes(1, "- policy b\\x1B[2J.json refused: ");
         EXPECT_EQ(1, Status("--json"));
@@ -287,7 +290,7 @@ TEST(EndToEnd, AStopWaitsForNoCommandAndNoName) {
         const auto start = std::chrono::steady_clock::now();
         EXPECT_EQ(0, agent.Stop(c.signal));
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3)) << c.logged;
-        EXPECT_EQ(0, AgentProcess::Logged("unreachable"));
+        EXPECT_EQ(0, AgentProcess::Logged(":9 unreachable"));
     }
     setenv("PATH", path.c_str(), 1);
 }
