@@ -224,7 +224,7 @@ TEST(EndToEnd, StatusTellsTheHealthyFromTheWrongFromTheDead) {
             "log_path":["/var/log/a.log:9"]})"));
         becomes(0, " and holds the configuration that the agent has written");
         WriteText(kInclude, "");
-        becomes(1, " has been changed or removed since the agent wrote it");
+        becomes(1, "BAD   rsyslog: runs as process ");
         AgentProcess::Policy("p.json", Policy("{}", R"("enable":"enable",)"));
         becomes(0, "p.json: rsyslog_feature of rsyslog_module, since ");
         becomes(0, "rsyslog_task     every 10 s, last cycle");

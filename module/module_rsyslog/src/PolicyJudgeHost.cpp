@@ -5,12 +5,14 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <set>
 
 #include "framework/Engine.h"
 #include "module/module_rsyslog/src/MarkedBlock.h"
 #include "module/module_rsyslog/src/PolicyJudge.h"
 #include "module/module_rsyslog/src/RsyslogInclude.h"
 #include "module/module_rsyslog/src/RsyslogWait.h"
+#include "module/module_rsyslog/src/SyslogRules.h"
 #include "sdk/FileUtils.h"
 
 namespace Engine {
@@ -127,6 +129,61 @@ void JudgeNames(const std::vector<Placed>& servers, Findings& findings) {
     }
 }
 
+std::string Describe(const ConfPlace& place) {
+    return place.file + ", line " + std::to_string(place.line) + " (" + place.text + ")";
+}
+
+void JudgeReturn(const WantedForwarding::File& file, const Return& found, Findings& findings) {
+    const std::string rule =
+        found.rule == nullptr ? "" : ", by the rule in " + Describe(found.rule->place);
+    const std::string writes = "the daemon writes this file itself" + rule;
+    const char* const advice =
+        "forward what the daemon gets by a rule of its own, or stop local1 to local7 before that "
+        "rule";
+    if (found.kind == Return::kLoops) {
+        findings.Fail(file.place.key,
+                      writes +
+                          ", which takes what is forwarded: every line comes around again, "
+                          "longer each time, until the disk is full",
+                      advice);
+    } else if (found.kind == Return::kPerhaps) {
+        findings.Warn(file.place.key, writes + ": lines may come around again, without end",
+                      advice);
+    } else if (found.kind == Return::kCopied) {
+        findings.Warn(file.place.key,
+                      writes +
+                          ": each of its lines enters the daemon a second time, and goes "
+                          "where its rules put local1 to local7",
+                      "forward what the daemon gets by a rule of its own");
+    }
+}
+
+// Forwarded lines enter rsyslog's own rules; syslog-ng's only where they take every source.
+void JudgeReturns(const WantedForwarding& wanted, const SyslogDaemon& daemon, Findings& findings) {
+    RsyslogRules rules;
+    std::set<std::string> open = FilesWrittenBy(daemon.process);
+    if (daemon.kind == DaemonKind::kRsyslog) {
+        rules = RsyslogRules::Read(kRsyslogConf);
+    } else if (!HasCatchAll(kSyslogngConf.path)) {
+        open.clear();
+    }
+    std::vector<std::string> paths;
+    for (const auto& file : wanted.files) {
+        paths.push_back(file.path);
+    }
+    const std::vector<Return> returns = FindReturns(rules, paths, open);
+    for (std::size_t i = 0; i < returns.size(); ++i) {
+        JudgeReturn(wanted.files[i], returns[i], findings);
+    }
+    for (const ConfPlace& place : rules.imfile_loads) {
+        findings.Warn(kFiles,
+                      Describe(place) +
+                          " loads imfile too: the daemon says so at each start, and "
+                          "only the first one's parameters count",
+                      "nothing, unless you need those of both");
+    }
+}
+
 }  // namespace
 
 void JudgeHost(const Json::Value& document, const SyslogDaemon& daemon, Findings& findings) {
@@ -144,6 +201,9 @@ void JudgeHost(const Json::Value& document, const SyslogDaemon& daemon, Findings
     }
     for (const auto& file : wanted.files) {
         JudgeFile(file, daemon.kind, findings);
+    }
+    if (daemon.kind != DaemonKind::kNone) {
+        JudgeReturns(wanted, daemon, findings);
     }
     JudgeNames(wanted.servers, findings);
 }

@@ -8,12 +8,14 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <sstream>
 
 #include "framework/Engine.h"
 #include "module/module_procs/src/ProcsFullTask.h"
+#include "module/module_rsyslog/src/RsyslogInclude.h"
 #include "module/module_rsyslog/src/RsyslogWait.h"
 
 namespace Engine {
@@ -35,16 +37,28 @@ const char* CommandOf(DaemonKind kind) {
     return kind == DaemonKind::kRsyslog ? kAskRsyslog : kAskSyslogng;
 }
 
-// The program's words less what it says to every configuration, ours among them.
+// What a daemon says to every configuration, or of our part of it without harm: each is the pieces
+// that such a line holds.
+const std::vector<std::string> kUsualWords[] = {
+    {"config validation run"},
+    {"'statefile' deprecated but accepted"},
+    {"module 'imfile' already in this config"},  // the files are read all the same
+    {kRsyslogIncludeFile, "'PollingInterval' not known"},
+    {"capability management disabled"},
+};
+
+// The program's words less those.
 std::string OwnWords(const std::string& output) {
     std::istringstream lines(output);
     std::string words;
     for (std::string line; std::getline(lines, line);) {
-        const bool usual = boost::icontains(line, "config validation run") ||
-                           boost::contains(line, "'statefile' deprecated but accepted") ||
-                           boost::contains(line, "capability management disabled") ||
-                           line.find_first_not_of(" \t") == std::string::npos;
-        if (!usual) {
+        const bool usual = std::any_of(
+            std::begin(kUsualWords), std::end(kUsualWords), [&line](const auto& pieces) {
+                return std::all_of(pieces.begin(), pieces.end(), [&line](const auto& piece) {
+                    return boost::icontains(line, piece);
+                });
+            });
+        if (!usual && line.find_first_not_of(" \t") != std::string::npos) {
             words += line + "\n";
         }
     }
