@@ -73,9 +73,13 @@ script/bootstrap build
 script/build release
 home=/usr/local/watchpost
 # The agent watches a directory; in one of its own, nothing but this policy reaches it.
-policies=$(mktemp -d)
-trap 'rm -rf "$policies"' EXIT
-cp "$policy" "$policies/policy.json"
+# Root's, as are the modules: the agent obeys nobody else.
+private=$("${as_root[@]}" mktemp -d)
+trap '"${as_root[@]}" rm -rf "$private"; hand_back' EXIT
+"${as_root[@]}" mkdir -m 755 "$private/policy" "$private/module"
+"${as_root[@]}" cp "$policy" "$private/policy/policy.json"
+"${as_root[@]}" cp build/release/module/*.so "$private/module/"
+"${as_root[@]}" chmod -R go-w "$private"
 cat <<TEXT
 
 watchpost now runs on this machine, as root and in the foreground; Ctrl-C stops it.
@@ -87,8 +91,8 @@ watchpost now runs on this machine, as root and in the foreground; Ctrl-C stops 
 
 TEXT
 "${as_root[@]}" mkdir -p "$home/conf" "$home/log"
-"${as_root[@]}" build/release/bin/watchpost --module-dir="$PWD/build/release/module" \
-    --policy-dir="$policies" --log-dir="$home/log" "$@" &
+"${as_root[@]}" build/release/bin/watchpost --module-dir="$private/module" \
+    --policy-dir="$private/policy" --log-dir="$home/log" "$@" &
 agent=$!
 # However this script is told to stop, it stops the agent in order and waits for it.
 trap '"${as_root[@]}" kill -TERM "$agent"' INT TERM

@@ -118,7 +118,7 @@ int Commands::Check(Watchpost& engine, const Settings& settings,
         throw StartError{EX_USAGE, "no file to check"};
     }
     const bool host = settings.IsSet("host");
-    engine.LoadModules(settings.Get("module.dir"), host);
+    engine.LoadModules(engine.TrustedDirectory("module.dir"), host);
     Result worst = kClean;
     Json::Value files(Json::arrayValue);
     for (const std::string& file : arguments) {

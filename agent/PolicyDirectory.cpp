@@ -15,6 +15,7 @@
 #include "framework/Log.h"
 #include "sdk/FileUtils.h"
 #include "sdk/StringUtils.h"
+#include "sdk/Trust.h"
 
 namespace {
 
@@ -41,6 +42,21 @@ bool IsFresh(const std::string& path) {
 std::string Identity(const std::string& text) {
     std::string digest = SDK::StringUtils::Sha256(text);
     return digest.empty() ? text : digest;
+}
+
+// The content of a file that only those have written who may command the agent, or why not.
+std::string ReadTrusted(const std::string& path, std::string& content) {
+    SDK::FileUtils::FileReader file;
+    if (const int error = file.Open(path); error != 0) {
+        return std::strerror(error);
+    }
+    std::string why_not = file.Distrust();
+    if (why_not.empty()) {
+        if (const int error = file.Read(content, PolicyDirectory::kMaxPolicySize); error != 0) {
+            return std::strerror(error);
+        }
+    }
+    return why_not;
 }
 
 }  // namespace
@@ -104,9 +120,9 @@ void PolicyDirectory::WaitUntilQuiet() {
 }
 
 bool PolicyDirectory::List(std::set<std::string>& names) {
-    std::string trouble;
+    std::string trouble = SDK::Trust::WhyNotDirectory(path_);
     try {
-        for (Poco::DirectoryIterator entry(path_), end; entry != end; ++entry) {
+        for (Poco::DirectoryIterator entry(path_), end; trouble.empty() && entry != end; ++entry) {
             if (entry.path().getExtension() == "json") {
                 names.insert(entry.name());
             }
@@ -152,18 +168,16 @@ void PolicyDirectory::Scan() {
 
 void PolicyDirectory::Read(const std::string& name) {
     std::string content;
-    const int status = SDK::FileUtils::ReadFile(path_ + "/" + name, content, kMaxPolicySize);
-    std::string now =
-        status == 0 ? "=" + Identity(content) : std::string("!") + std::strerror(status);
+    const std::string why_not = ReadTrusted(path_ + "/" + name, content);
+    std::string now = why_not.empty() ? "=" + Identity(content) : "!" + why_not;
     std::string& seen = seen_[name];
     if (seen == now) {
         return;
     }
     seen = std::move(now);
-    if (status != 0) {
-        Framework::Log().error("policy file " + path_ + "/" + name +
-                               " cannot be read: " + std::strerror(status));
-        lose_(name, std::strerror(status));
+    if (!why_not.empty()) {
+        Framework::Log().error("policy file " + path_ + "/" + name + " cannot be read: " + why_not);
+        lose_(name, why_not);
         return;
     }
     deliver_(name, content);

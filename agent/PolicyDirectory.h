@@ -15,8 +15,8 @@
 // delivered once in name order, and again whenever its content has changed or it has reappeared.
 // A removed file is forgotten, nothing else. A writer that does not rename its file into place is
 // given time to finish: the directory must have been quiet for a moment. Apart from events it is
-// scanned every five seconds. What cannot be read, file or directory, is an error line once for
-// each reason.
+// scanned every five seconds. What cannot be read, file or directory, or is not to be obeyed as
+// others may have written it (sdk/Trust.h), is an error line once for each reason.
 class PolicyDirectory {
 public:
     static constexpr std::size_t kMaxPolicySize = 1 << 20;  // bytes

@@ -29,7 +29,7 @@ int Commands::Restore(Watchpost& engine, const Settings& settings,
     if (access(settings.Get("log.dir").c_str(), F_OK) == 0) {
         engine.LockDirectory(lock);
     }
-    engine.LoadModules(settings.Get("module.dir"));
+    engine.LoadModules(engine.TrustedDirectory("module.dir"));
     std::string plan;
     for (auto& module : engine.Modules()) {
         plan += Describe::ToText(module->Restore(true), true);

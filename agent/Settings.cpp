@@ -13,6 +13,7 @@
 
 #include "agent/StartError.h"
 #include "sdk/FileUtils.h"
+#include "sdk/Trust.h"
 
 namespace {
 
@@ -128,12 +129,23 @@ void Settings::SetOption(const std::string& option, const std::string& value) {
 void Settings::ReadFile(const std::string& otherwise) {
     const bool named = IsSet("config");
     const std::string path = named ? Get("config") : otherwise;
+    SDK::FileUtils::FileReader file;
     std::string text;
-    const int error = SDK::FileUtils::ReadFile(path, text, kMaxFileSize);
+    int error = file.Open(path);
     if (error == ENOENT && !named) {
         return;
     }
     const std::string what = "configuration file " + path;
+    if (error == 0) {
+        std::string why_not = file.Distrust();
+        if (why_not.empty()) {
+            why_not = SDK::Trust::WhyNotWay(path);
+        }
+        if (!why_not.empty()) {
+            throw StartError{EX_NOPERM, what + ": " + why_not};
+        }
+        error = file.Read(text, kMaxFileSize);
+    }
     if (error != 0) {
         throw StartError{EX_CONFIG, what + ": " + std::strerror(error)};
     }

@@ -19,7 +19,8 @@ public:
 
     // Takes the configuration file: that of --config, otherwise `otherwise` if there is one. Each
     // line is KEY = VALUE, a comment (# or !) or blank; what an option has set stays. Throws
-    // StartError, EX_CONFIG, for a file that cannot be read, and for any other line, an unknown or
+    // StartError: EX_NOPERM for a file that others may have written, EX_CONFIG for one that cannot
+    // be read, and for any other line, an unknown or
     // repeated key and a bad value, with the line's number.
     void ReadFile(const std::string& otherwise);
 

@@ -17,10 +17,11 @@
 #include "framework/Log.h"
 #include "sdk/Descriptor.h"
 #include "sdk/JsonUtils.h"
+#include "sdk/LoggerUtils.h"
 
 namespace {
 
-constexpr int kPeriodSeconds = 2;
+constexpr int kPeriodSeconds = 5;
 constexpr std::size_t kQueueCapacity = 1;  // nobody sends it anything
 // What the file may hold, so that it stays small whatever documents and hosts are like.
 constexpr std::size_t kMaxText = 300;
@@ -185,6 +186,12 @@ Json::Value StatusTask::Describe() const {
     value["refused"] = List(state.refused, DescribeRefused);
     value["tasks"] = List(state.tasks, DescribeTask);
     value["reports"] = DescribeReports(report_->Counts(), report_->GetStatus());
+    Poco::Timestamp time;
+    std::string text;
+    if (SDK::LoggerUtils::GetInstance()->GetLastError(time, text)) {
+        value["last_error"]["time"] = Time(time);
+        value["last_error"]["text"] = Text(text);
+    }
     value["conditions"] = List(state.conditions, DescribeCondition);
     return value;
 }

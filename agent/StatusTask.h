@@ -13,7 +13,7 @@
 #include "framework/Task.h"
 
 // Keeps the status file current: how the agent fares, one line of JSON as docs/operations.md tells,
-// replaced every two seconds and removed at the end. Its directory is made when it is missing. A
+// replaced every five seconds and removed at the end. Its directory is made when it is missing. A
 // file that cannot be written is an error line, once, and tried again.
 class StatusTask : public Framework::Task {
 public:

@@ -27,6 +27,7 @@
 #include "framework/Log.h"
 #include "sdk/InnerCpuCtrlUtils.h"
 #include "sdk/LoggerUtils.h"
+#include "sdk/Trust.h"
 
 // A command, under its first argument.
 struct Command {
@@ -186,6 +187,14 @@ std::string Watchpost::Directory(const std::string& key) const {
     return path;
 }
 
+std::string Watchpost::TrustedDirectory(const std::string& key) const {
+    std::string path = Directory(key);
+    if (const std::string why_not = SDK::Trust::WhyNotDirectory(path); !why_not.empty()) {
+        throw StartError{EXIT_NOPERM, key + " " + path + ": " + why_not};
+    }
+    return path;
+}
+
 void Watchpost::LockDirectory(SDK::Descriptor& lock) const {
     const std::string directory = Directory("log.dir");
     if (lock.Reset(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) != 0 ||
@@ -211,8 +220,8 @@ int Watchpost::Serve() {
     if (settings_.IsSet("daemon")) {
         Daemon::Enter();
     }
-    const std::string module_dir = Directory("module.dir");
-    const std::string policy_dir = Directory("policy.dir");
+    const std::string module_dir = TrustedDirectory("module.dir");
+    const std::string policy_dir = TrustedDirectory("policy.dir");
     SDK::Descriptor lock;
     LockDirectory(lock);
     OpenLog();

@@ -24,6 +24,8 @@ public:
     // command line, the program first. A start that fails is one line on standard error.
     int Launch(const std::vector<std::string>& arguments);
 
+    // The directory of that key. Throws StartError when it is none, or others may write it.
+    std::string TrustedDirectory(const std::string& key) const;
     // Keeps agents away from the log directory, and so from this host, as long as `lock` lives.
     // Throws StartError when one is there.
     void LockDirectory(SDK::Descriptor& lock) const;

@@ -4,10 +4,12 @@
 #include <Poco/Exception.h>
 #include <Poco/Path.h>
 #include <Poco/SharedLibrary.h>
+#include <sys/stat.h>
 
 #include <utility>
 
 #include "framework/Log.h"
+#include "sdk/Trust.h"
 
 namespace Framework {
 
@@ -118,6 +120,13 @@ void Engine::LoadModule(const std::string& path, bool initialise) {
     // the process ends.
     const std::size_t before = modules_.size();
     const bool loaded = Try("module " + path + " not loaded", [&] {
+        // Of a link, what it leads to; nobody else can alter the directory.
+        struct stat file = {};
+        if (stat(path.c_str(), &file) == 0) {
+            if (const std::string why_not = SDK::Trust::WhyNot(file); !why_not.empty()) {
+                throw Poco::NoPermissionException(why_not);
+            }
+        }
         Poco::SharedLibrary library;
         library.load(path, Poco::SharedLibrary::SHLIB_LOCAL);
         auto* const create = reinterpret_cast<void* (*)()>(library.getSymbol("CreateModule"));

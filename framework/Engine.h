@@ -45,8 +45,9 @@ public:
     void ReportUnknownReceiver(const std::string& name);
 
     // Loads every *.so of `directory` in name order and, with `initialise`, its module is
-    // initialised. What cannot be loaded is an error line and the rest go on. Throws
-    // Poco::Exception when the directory cannot be read.
+    // initialised. What cannot be loaded, or may have been written by others
+    // (sdk/Trust.h), is an error line and the rest go on. The directory is the caller's choice.
+    // Throws Poco::Exception when the directory cannot be read.
     void LoadModules(const std::string& directory, bool initialise = true);
     // Those loaded, in that order. Any thread.
     std::vector<Poco::AutoPtr<Module>> Modules();

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "sdk/Replacement.h"
+#include "sdk/Trust.h"
 
 namespace SDK::FileUtils {
 namespace {
@@ -357,6 +358,11 @@ struct FreeDigest {
 int FileReader::Open(const std::string& path, Links links) {
     struct stat status {};
     return OpenRegular(path, O_RDONLY, file_, status, links);
+}
+
+std::string FileReader::Distrust() const {
+    struct stat status = {};
+    return fstat(file_.Get(), &status) == 0 ? Trust::WhyNot(status) : std::strerror(errno);
 }
 
 int FileReader::GetStamp(FileStamp& stamp) const {

@@ -34,6 +34,8 @@ class FileReader {
 public:
     // Opens the file and nothing but it, whatever the path's owner puts in its place meanwhile.
     int Open(const std::string& path, Links links = Links::kAll);
+    // Why the open file is not to be obeyed, as Trust.h has it; empty when it is.
+    std::string Distrust() const;
     // The file's state now.
     int GetStamp(FileStamp& stamp) const;
     // As ReadFile and GetFileSha256 below, from the file's start each time.

@@ -53,13 +53,19 @@ void LoggerUtils::Open(const std::string& log_dir, const std::string& level) {
     // By name this reaches the loggers made already, which hold copies of the root's settings, and
     // only those: the root has to be among them for the later ones to inherit from it.
     Poco::Logger::root();
-    Poco::Logger::setChannel("", file);
+    end_ = new ErrorStream(file);
+    Poco::Logger::setChannel("", end_);
     Poco::Logger::setLevel("", level_number);
 }
 
 std::string LoggerUtils::GetLogPath() const {
     const std::lock_guard<std::mutex> lock(mutex_);
     return log_dir_;
+}
+
+bool LoggerUtils::GetLastError(Poco::Timestamp& time, std::string& text) const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return !end_.isNull() && end_->GetLast(time, text);
 }
 
 Poco::Logger* LoggerUtils::GetModuleLogger(const std::string& name, bool must_exist) {

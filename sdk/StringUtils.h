@@ -13,8 +13,8 @@ size_t GetUtf8Length(const std::string& bytes, size_t offset, size_t& bad);
 // Linear in the length.
 std::string ToUtf8(const std::string& bytes);
 
-// One line of valid UTF-8 that steers no terminal: control characters, separators of lines and bytes
-// that are not UTF-8 become \n, \r or \xNN; only tabs are kept.
+// One line of valid UTF-8 that steers no terminal: control characters, separators of lines and
+// bytes that are not UTF-8 become \n, \r or \xNN; only tabs are kept.
 std::string ToPrintable(const std::string& text);
 
 // 64 lower-case hexadecimal digits; empty when the digest is not available.

@@ -2,6 +2,8 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <cstdlib>
+#include <filesystem>
 #include <future>
 #include <stdexcept>
 
@@ -17,6 +19,15 @@ using TestSupport::LogCapture;
 using Clock = std::chrono::steady_clock;
 using Lock = std::lock_guard<std::mutex>;
 using Step = std::function<void(const std::string&)>;
+
+// The fixture modules, as root would install them: the build may belong to somebody else.
+std::string Fixtures() {
+    static const std::string directory = "/tmp/fixtures";
+    if (std::filesystem::create_directory(directory)) {
+        EXPECT_EQ(0, std::system(("cp " FIXTURE_DIR "/*.so " + directory).c_str()));
+    }
+    return directory;
+}
 
 // Made before anything logs: an application that comes into being redirects all loggers.
 Framework::Engine& engine = TestSupport::TestEngine();
@@ -302,7 +313,7 @@ TEST(Delivery, LogsWhatTheJudgeFindsKeepsItWithThePolicyAndHeedsARefusal) {
 TEST(Modules, BadOnesAreOneErrorLineEachAndTheSoundOneWorks) {
     TestSupport::RunningReceiver reports;
     const LogCapture log("watchpost");
-    engine.LoadModules(FIXTURE_DIR);
+    engine.LoadModules(Fixtures());
     for (const std::string bad : {"factory_missing.so", "factory_null.so", "init_fails.so",
                                   "factory_throws.so", "no_library.so"}) {
         EXPECT_EQ(1, log.Holding("_" + bad + " not loaded: ")) << bad;
@@ -333,7 +344,7 @@ TEST(Modules, BadOnesAreOneErrorLineEachAndTheSoundOneWorks) {
 
 TEST(Modules, AreLoadedWithoutInitToo) {
     TestSupport::RunningReceiver reports;
-    engine.LoadModules(FIXTURE_DIR, false);
+    engine.LoadModules(Fixtures(), false);
     EXPECT_EQ(2U, engine.Modules().size());
     engine.StopModules();
     EXPECT_TRUE(reports.Finish().empty());

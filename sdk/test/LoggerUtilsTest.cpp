@@ -1,7 +1,10 @@
 #include <Poco/Exception.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <fstream>
 
@@ -103,6 +106,82 @@ TEST(LoggerUtils, AFullDiskCostsNoOldLineAndIsToldOnceThereIsRoom) {
     log.error("d");
     Poco::Logger::setChannel("", nullptr);
     EXPECT_EQ(umount2((dir / "").c_str(), MNT_DETACH), 0);
+}
+
+// Standard error as `fd` while it lives.
+class StandardError {
+public:
+    explicit StandardError(int fd) : usual_(dup(STDERR_FILENO)) { dup2(fd, STDERR_FILENO); }
+    ~StandardError() {
+        dup2(usual_, STDERR_FILENO);
+        close(usual_);
+    }
+
+private:
+    const int usual_;
+};
+
+TEST(LoggerUtils, WarningsAndErrorsReachStandardErrorAndNobodyWaitsForIt) {
+    const TempDir dir;
+    Poco::Logger& log = Poco::Logger::get("watchpost");
+    const auto written = [](int fd) {
+        char text[8192];
+        const ssize_t length = recv(fd, text, sizeof(text), MSG_DONTWAIT);
+        return std::string(text, length < 0 ? 0 : static_cast<std::size_t>(length));
+    };
+    int ends[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, ends));
+    struct stat status = {};
+    ASSERT_EQ(0, fstat(ends[0], &status));
+    const std::string stream = std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
+    const struct {
+        const char* journal;
+        std::string error, warning;
+    } cases[] = {{"1:1", "watchpost: error: ", "watchpost: warning: "},
+                 {stream.c_str(), "<3>", "<4>"}};
+    Poco::Timestamp time;
+    std::string last;
+    for (const auto& c : cases) {
+        const StandardError here(ends[0]);
+        setenv("JOURNAL_STREAM", c.journal, 1);
+        SDK::LoggerUtils::GetInstance()->Open(dir / ".", "information");
+        EXPECT_FALSE(SDK::LoggerUtils::GetInstance()->GetLastError(time, last));
+        log.information("i");
+        log.error("e\n" + std::string(5000, 'x'));
+        log.warning("w");
+        EXPECT_EQ(c.error + "e\\n" + std::string(4095 - c.error.size() - 3, 'x') + "\n" +
+                      c.warning + "w\n",
+                  written(ends[1]));
+        EXPECT_TRUE(SDK::LoggerUtils::GetInstance()->GetLastError(time, last));
+        EXPECT_EQ("e\n" + std::string(1022, 'x'), last);
+        EXPECT_GT(60'000'000, time.elapsed());
+    }
+    unsetenv("JOURNAL_STREAM");
+    // A pipe and a socket that nobody reads, ends that are gone, a disk that is full.
+    int pipes[2];
+    ASSERT_EQ(0, pipe(pipes));
+    const int full = open("/dev/full", O_WRONLY);
+    signal(SIGPIPE, SIG_IGN);
+    for (const int fd : {pipes[1], ends[0], full}) {
+        const StandardError here(fd);
+        for (int i = 0; i < 2000; ++i) {
+            log.error(std::string(1000, 'x'));
+        }
+    }
+    close(pipes[0]);
+    close(ends[1]);
+    for (const int fd : {pipes[1], ends[0], -1}) {
+        const StandardError here(fd);
+        if (fd < 0) {
+            close(STDERR_FILENO);
+        }
+        log.error("gone");
+    }
+    for (const int fd : {pipes[1], ends[0], full}) {
+        close(fd);
+    }
+    EXPECT_EQ("gone", Logged(dir / "watchpost.log").back());
+    Poco::Logger::setChannel("", nullptr);
 }
 
 }  // namespace
