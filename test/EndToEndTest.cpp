@@ -232,7 +232,11 @@ TEST(EndToEnd, StatusTellsTheHealthyFromTheWrongFromTheDead) {
         becomes(1, "- policy b\\x1B[2J.json refused: ");
         EXPECT_EQ(1, Status("--json"));
         EXPECT_EQ(1, Occurrences(ReadText("/run/out"), R"("state":"wrong")"));
-        std::filesystem::remove(AgentProcess::Path("policy/b\x1b[2J.json"));
+        AgentProcess::Policy("b\x1b[2J.json", Policy("{}", R"("enable":"enable",)"));
+        becomes(0, "healthy");
+        AgentProcess::Policy("c.json", std::string(2 << 20, ' '));
+        becomes(1, "- policy c.json refused: it cannot be read: File too large");
+        std::filesystem::remove(AgentProcess::Path("policy/c.json"));
         becomes(0, "healthy");
         EXPECT_EQ(0, agent.Stop());
         becomes(3, "no status file");

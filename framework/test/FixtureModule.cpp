@@ -1,5 +1,6 @@
 #include <stdexcept>
 
+#include "framework/Log.h"
 #include "framework/Module.h"
 
 // One source, built into several modules: the definition FIXTURE_<kind> says what is wrong with it.
@@ -36,6 +37,10 @@ public:
 #else
         return Module::Init();
 #endif
+    }
+    void UnInit() override {
+        Framework::Log().information("the fixture ends");
+        Module::UnInit();
     }
 
 private:

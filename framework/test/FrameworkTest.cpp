@@ -340,13 +340,16 @@ TEST(Modules, BadOnesAreOneErrorLineEachAndTheSoundOneWorks) {
         texts += report.second + " ";
     }
     EXPECT_EQ("start end start document end end ", texts);
+    EXPECT_EQ(1, log.Holding("the fixture ends"));
 }
 
 TEST(Modules, AreLoadedWithoutInitToo) {
     TestSupport::RunningReceiver reports;
+    const LogCapture log("watchpost");
     engine.LoadModules(Fixtures(), false);
     EXPECT_EQ(2U, engine.Modules().size());
     engine.StopModules();
+    EXPECT_EQ(0, log.Holding("the fixture ends"));
     EXPECT_TRUE(reports.Finish().empty());
 }
 
