@@ -73,9 +73,9 @@ std::vector<Json::Value> Entries(const Json::Value& value, const char* key) {
 }
 
 // "3 min ago" or "in 7 s".
-std::string FromNow(const Poco::Timestamp& time) {
-    const auto seconds = (Poco::Timestamp() - time) / Poco::Timestamp::resolution();
-    return seconds >= 0 ? DescribeSeconds(seconds) + " ago" : "in " + DescribeSeconds(-seconds);
+std::string FromNow(const Poco::Timestamp& time, const Poco::Timestamp& now = {}) {
+    const auto seconds = (now - time) / Poco::Timestamp::resolution();
+    return time <= now ? DescribeSeconds(seconds) + " ago" : "in " + DescribeSeconds(-seconds);
 }
 
 std::string Since(const Json::Value& value) {
@@ -103,7 +103,8 @@ std::vector<std::string> Policies(const Json::Value& status) {
     return lines.empty() ? std::vector<std::string>{"none"} : lines;
 }
 
-std::string Cycles(const Json::Value& task) {
+// As of the moment when the file was written, so that it is one picture.
+std::string Cycles(const Json::Value& task, const Poco::Timestamp& written) {
     if (GetIntValue(task, "period_s", 0) == 0) {
         return "works when asked";
     }
@@ -111,9 +112,10 @@ std::string Cycles(const Json::Value& task) {
     const Poco::Timestamp began = GetTime(task, "began");
     if (began != 0) {
         text += GetBoolValue(task, "running", false)
-                    ? ", in a cycle that began " + FromNow(began)
-                    : ", last cycle " + FromNow(began) + " for " + Number(task, "lasted_ms") +
-                          " ms, next " + FromNow(GetTime(task, "due"));
+                    ? ", in a cycle that began " + FromNow(began, written)
+                    : ", last cycle " + FromNow(began, written) + " for " +
+                          Number(task, "lasted_ms") + " ms, next " +
+                          FromNow(GetTime(task, "due"), written);
     }
     return text;
 }
@@ -128,7 +130,7 @@ std::vector<std::string> Tasks(const Json::Value& status) {
         std::string name = GetStringValue(task, "name", "");
         name.resize(width, ' ');
         const std::string waiting = Number(task, "waiting_messages");
-        lines.push_back(name + "  " + Cycles(task) +
+        lines.push_back(name + "  " + Cycles(task, GetTime(status, "written")) +
                         (waiting == "0" ? "" : ", " + waiting + " messages wait"));
     }
     return lines.empty() ? std::vector<std::string>{"none"} : lines;
