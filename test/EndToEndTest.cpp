@@ -201,17 +201,18 @@ TEST(EndToEnd, TwentyPoliciesInTenSecondsLeaveTheDaemonRunningUnderTheLast) {
     EXPECT_EQ(0, agent.Stop());
 }
 
-// The exit status of `watchpost status`, whose output goes to /run/out.
-int Status(const std::string& options = "") {
+// The exit status of the program, whose output goes to /run/out.
+int Watchpost(const std::string& arguments) {
     const std::string program =
         std::filesystem::read_symlink("/proc/self/exe").parent_path() / "watchpost";
-    return WEXITSTATUS(std::system((program + " status " + options + " >/run/out 2>&1").c_str()));
+    return WEXITSTATUS(
+        std::system((program + " " + arguments + " </dev/null >/run/out 2>&1").c_str()));
 }
 
 TEST(EndToEnd, StatusTellsTheHealthyFromTheWrongFromTheDead) {
     const auto becomes = [](int status, const std::string& piece) {
         EXPECT_TRUE(Await([&] {
-            return Status() == status && Occurrences(ReadText("/run/out"), piece) == 1;
+            return Watchpost("status") == status && Occurrences(ReadText("/run/out"), piece) == 1;
         })) << ReadText("/run/out");
     };
     becomes(3, "there is no status file /run/watchpost/status.json");
@@ -230,7 +231,7 @@ TEST(EndToEnd, StatusTellsTheHealthyFromTheWrongFromTheDead) {
         becomes(0, "rsyslog_task     every 10 s, last cycle");
         AgentProcess::Policy("b\x1b[2J.json", "{");
         becomes(1, "- policy b\\x1B[2J.json refused: ");
-        EXPECT_EQ(1, Status("--json"));
+        EXPECT_EQ(1, Watchpost("status --json"));
         EXPECT_EQ(1, Occurrences(ReadText("/run/out"), R"("state":"wrong")"));
         AgentProcess::Policy("b\x1b[2J.json", Policy("{}", R"("enable":"enable",)"));
         becomes(0, "healthy");
@@ -248,7 +249,59 @@ TEST(EndToEnd, StatusTellsTheHealthyFromTheWrongFromTheDead) {
         becomes(3, "ended without a stop");
     }
     WriteText("/run/conf", "status.file = /run");
-    EXPECT_EQ(4, Status("--config=/run/conf"));
+    EXPECT_EQ(4, Watchpost("status --config=/run/conf"));
+}
+
+// Checked and previewed, applied, taken back: the configuration of the host changes just where it
+// is told to, and is in the end what it was.
+TEST(EndToEnd, CheckChangesNothingAndRestoreTakesAllBack) {
+    const auto etc_is_as_kept = [] {
+        return std::system("diff -r --no-dereference /run/etc /etc >/run/diff") == 0;
+    };
+    ASSERT_EQ(0, std::system("cp -a /etc /run/etc"));
+    for (const char* name : {"rsyslogd", "syslog-ng"}) {
+        SCOPED_TRACE(name);
+        const Daemon daemon(name);
+        const std::string policy = Policy(
+            R"({"server_type":"udp","server":["127.0.0.1"],"log_path":["/var/log/a.log:9"]})");
+        WriteText("/var/log/a.log", "");
+        WriteText("/run/p.json", policy);
+        WriteText("/run/bad.json", Policy(R"({"up_history":true})"));
+        {
+            AgentProcess agent;
+            EXPECT_EQ(0, Watchpost("check --host /run/p.json")) << ReadText("/run/out");
+            const std::string preview = ReadText("/run/out");
+            for (const char* piece :
+                 {"    +++ /etc/", "/var/log/a.log", "  would run service ", " accepts that\n"}) {
+                EXPECT_NE(std::string::npos, preview.find(piece)) << preview;
+            }
+            EXPECT_EQ(1, Watchpost("check /run/p.json /run/bad.json"));
+            EXPECT_EQ(2, Watchpost("check /run/bad.json /run/none.json /run/p.json"));
+            EXPECT_EQ(1, Watchpost("check --json /run/bad.json"));
+            EXPECT_EQ(1, Occurrences(ReadText("/run/out"), R"("key":"content.up_history")"));
+            EXPECT_TRUE(etc_is_as_kept()) << ReadText("/run/diff");
+            AgentProcess::Policy("p.json", policy);
+            EXPECT_TRUE(AgentProcess::AwaitLog(" is to forward "));
+            EXPECT_FALSE(etc_is_as_kept());
+            EXPECT_EQ(75, Watchpost("restore --yes")) << "while an agent runs";
+            EXPECT_EQ(0, agent.Stop());
+        }
+        WriteText("/run/bin.conf", "module.dir = /run/modules\n");
+        const std::string build =
+            std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path();
+        EXPECT_EQ(
+            0, std::system(
+                   ("mkdir -p /run/modules && cp " + build + "/module/*.so /run/modules").c_str()));
+        EXPECT_EQ(64, Watchpost("restore --config=/run/bin.conf")) << "nobody to ask";
+        EXPECT_FALSE(etc_is_as_kept());
+        std::remove("/run/service.log");
+        EXPECT_EQ(0, Watchpost("restore --yes --config=/run/bin.conf")) << ReadText("/run/out");
+        EXPECT_TRUE(etc_is_as_kept()) << ReadText("/run/diff");
+        EXPECT_EQ(1, Occurrences(ReadText("/run/service.log"), "restart\n"));
+        EXPECT_EQ(0, Watchpost("restore --config=/run/bin.conf"));
+        EXPECT_EQ("Nothing of watchpost's is in the configuration of this host.\n",
+                  ReadText("/run/out"));
+    }
 }
 
 // Servers behind an interface where nobody answers: a probe of each takes three seconds.
