@@ -167,16 +167,26 @@ void PolicyDirectory::Scan() {
 }
 
 void PolicyDirectory::Read(const std::string& name) {
-    std::string content;
-    const std::string why_not = ReadTrusted(path_ + "/" + name, content);
-    std::string now = why_not.empty() ? "=" + Identity(content) : "!" + why_not;
-    std::string& seen = seen_[name];
-    if (seen == now) {
+    const std::string path = path_ + "/" + name;
+    Seen& seen = seen_[name];
+    const SDK::FileStamp before = SDK::FileStamp::Of(path.c_str());
+    if (seen.mark.Holds(before)) {
         return;
     }
-    seen = std::move(now);
+    const std::int64_t began = SDK::ReadMark::Now();
+    std::string content;
+    const std::string why_not = ReadTrusted(path, content);
+    seen.mark.Clear();
+    if (why_not.empty()) {
+        seen.mark.Set(before, SDK::FileStamp::Of(path.c_str()), began);
+    }
+    std::string now = why_not.empty() ? "=" + Identity(content) : "!" + why_not;
+    if (seen.what == now) {
+        return;
+    }
+    seen.what = std::move(now);
     if (!why_not.empty()) {
-        Framework::Log().error("policy file " + path_ + "/" + name + " cannot be read: " + why_not);
+        Framework::Log().error("policy file " + path + " cannot be read: " + why_not);
         lose_(name, why_not);
         return;
     }

@@ -11,6 +11,8 @@
 #include <set>
 #include <string>
 
+#include "sdk/ReadMark.h"
+
 // The policy files of a directory. On a thread of its own, the policy thread, every `*.json` is
 // delivered once in name order, and again whenever its content has changed or it has reappeared.
 // A removed file is forgotten, nothing else. A writer that does not rename its file into place is
@@ -49,9 +51,12 @@ private:
     const Deliver deliver_;
     const Settle settle_;
     const Lose lose_;
-    // What was last delivered, as a digest, or why the file could not be read, by file name.
-    std::map<std::string, std::string> seen_;
-    std::string trouble_;  // why the directory could not be read
+    struct Seen {
+        std::string what;  // was last delivered, as a digest, or why the file could not be read
+        SDK::ReadMark mark;
+    };
+    std::map<std::string, Seen> seen_;  // by file name
+    std::string trouble_;               // why the directory could not be read
     Poco::Event changed_{true};
     std::atomic<bool> stopping_{false};
     std::unique_ptr<Poco::DirectoryWatcher> watcher_;
