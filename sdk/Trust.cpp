@@ -29,7 +29,7 @@ std::string Mode(const struct stat& status) {
 }  // namespace
 
 std::string WhyNot(const struct stat& status) {
-    const std::string owner = Owner(status);
+    std::string owner = Owner(status);
     if (!owner.empty() || (status.st_mode & (S_IWGRP | S_IWOTH)) == 0) {
         return owner;
     }

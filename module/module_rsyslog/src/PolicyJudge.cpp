@@ -205,7 +205,8 @@ private:
                              "write a name or an address");
         } else if (text.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
                                           "0123456789.-_") != std::string::npos) {
-            findings_.Fail(server.key, "is neither a name nor an address: nothing arrives there",
+            findings_.Fail(server.key,
+                           "is neither a name nor an address: nothing arrives where it should",
                            text.find(':') != std::string::npos
                                ? "the port stands in log_path: name the server only"
                                : "write a name or an address");
@@ -213,7 +214,7 @@ private:
     }
 
     void Files() {
-        std::map<std::string, std::string> paths;  // with the key of the first
+        std::map<std::string, const WantedForwarding::File*> paths;  // the first of each
         std::map<std::string, std::string> ports;
         std::size_t number = 0;
         for (const auto& file : wanted_.files) {
@@ -224,8 +225,8 @@ private:
                    "is the eighth file: it and those behind it are not forwarded",
                    "leave seven at most");
             }
-            if (const auto [same, added] = paths.emplace(file.path, file.place.key); !added) {
-                Twice(file.place.key, same->second);
+            if (const auto [same, added] = paths.emplace(file.path, &file); !added) {
+                Twice(file, *same->second);
             } else if (const auto [port, other] = ports.emplace(file.port, file.place.key);
                        !other && !wanted_.servers.empty()) {
                 Of(DaemonKind::kSyslogng, true, file.place.key,
@@ -236,11 +237,12 @@ private:
         }
     }
 
-    void Twice(const std::string& key, const std::string& first) {
-        Of(DaemonKind::kSyslogng, true, key,
-           "is the file of " + first + " again, and the daemon does not start with a file twice",
-           "take one out");
-        Of(DaemonKind::kRsyslog, false, key, "is the file of " + first + " again", "take one out");
+    void Twice(const WantedForwarding::File& file, const WantedForwarding::File& first) {
+        const std::string again = "is the file of " + first.place.key + " again, and ";
+        Of(DaemonKind::kSyslogng, true, file.place.key,
+           again + "the daemon does not start with a file twice", "take one out");
+        Of(DaemonKind::kRsyslog, file.port != first.port, file.place.key,
+           again + "only the first is read", "take one out");
     }
 
     void Path(const WantedForwarding::File& file) {
@@ -266,9 +268,13 @@ private:
             Of(DaemonKind::kSyslogng, true, key,
                "holds a backtick: the daemon does not start any more", "rename the file");
         }
-        if (path.front() != '/' || Holds(path, " !{}")) {
+        if (path.front() != '/' || Holds(path, " !{}") ||
+            std::count(path.begin(), path.end(), '[') !=
+                std::count(path.begin(), path.end(), ']')) {
             Of(DaemonKind::kSyslogng, true, key,
-               "makes the daemon's AppArmor profile one that does not compile", "rename the file");
+               "makes the daemon's AppArmor profile one that does not compile, or allows something "
+               "else",
+               "rename the file");
         }
     }
 
@@ -293,7 +299,7 @@ private:
             Of(DaemonKind::kRsyslog, false, key, no_port + ", and is cut behind its digits",
                "write FILE:PORT");
         } else if (!IsPort(port)) {
-            findings_.Fail(key, no_port + ": the file is not forwarded", "write FILE:PORT");
+            findings_.Fail(key, no_port + ": nothing arrives where it should", "write FILE:PORT");
         }
     }
 

@@ -95,7 +95,11 @@ void JudgeFile(const WantedForwarding::File& file, DaemonKind kind, Findings& fi
         findings.Warn(file.place.key, file.path + ": " + std::strerror(errno),
                       "nothing is forwarded until the file is there");
     } else if (S_ISDIR(status.st_mode)) {
-        findings.Fail(file.place.key, file.path + " is a directory: nothing is forwarded",
+        findings.Fail(file.place.key,
+                      file.path + " is a directory: nothing is forwarded" +
+                          (kind == DaemonKind::kSyslogng
+                               ? ", and the daemon fills its own logs with complaints"
+                               : ""),
                       "name the files in it");
     } else if (!S_ISREG(status.st_mode)) {
         findings.Fail(file.place.key, file.path + " is no regular file", "name a file");
@@ -174,6 +178,14 @@ void JudgeReturns(const WantedForwarding& wanted, const SyslogDaemon& daemon, Fi
     const std::vector<Return> returns = FindReturns(rules, paths, open);
     for (std::size_t i = 0; i < returns.size(); ++i) {
         JudgeReturn(wanted.files[i], returns[i], findings);
+        if (i + 1 < rules.stopped_before.size() && rules.stopped_before[i + 1].line > 0) {
+            findings.Warn(wanted.files[i].place.key,
+                          Describe(rules.stopped_before[i + 1]) + " ends local" +
+                              std::to_string(i + 1) +
+                              ", as which the file is forwarded, before it is sent",
+                          "nothing is forwarded until that stands in a file behind " +
+                              std::string(kRsyslogIncludeFile));
+        }
     }
     for (const ConfPlace& place : rules.imfile_loads) {
         findings.Warn(kFiles,

@@ -45,6 +45,7 @@ const std::vector<std::string> kUsualWords[] = {
     {"module 'imfile' already in this config"},  // the files are read all the same
     {kRsyslogIncludeFile, "'PollingInterval' not known"},
     {"capability management disabled"},
+    {"Cache read/write disabled"},  // AppArmor's compiler, where the kernel has none
 };
 
 // The program's words less those.

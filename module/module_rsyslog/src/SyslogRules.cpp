@@ -1,6 +1,7 @@
 #include "module/module_rsyslog/src/SyslogRules.h"
 
 #include <fcntl.h>
+#include <fnmatch.h>
 #include <glob.h>
 
 #include <algorithm>
@@ -199,14 +200,23 @@ class Reader {
 public:
     RsyslogRules Read(const std::string& conf) {
         File(conf, 0);
+        if (calls_) {
+            for (const Ruleset& ruleset : rulesets_) {
+                place_ = ruleset.place;
+                Actions(ruleset.text, All(Takes::kPerhaps));
+            }
+        }
         return std::move(rules_);
     }
 
 private:
     void File(const std::string& path, int depth) {
         std::string text;
+        if (fs::path(path).filename() == kRsyslogIncludeFile) {
+            rules_.stopped_before = stops_;
+            return;
+        }
         if (depth > kMaxDepth || ++files_read_ > kMaxFiles ||
-            fs::path(path).filename() == kRsyslogIncludeFile ||
             SDK::FileUtils::ReadFile(path, text, kMaxConfSize) != 0) {
             return;
         }
@@ -236,24 +246,29 @@ private:
     void Include(const std::string& pattern, int depth) {
         glob_t found = {};
         const std::string all = boost::ends_with(pattern, "/") ? pattern + "*" : pattern;
+        std::set<std::string> paths;
         if (glob(all.c_str(), 0, nullptr, &found) == 0) {
-            const Strings paths(found.gl_pathv, found.gl_pathv + found.gl_pathc);
-            for (const auto& path : paths) {
-                File(path, depth + 1);
-            }
+            paths.insert(found.gl_pathv, found.gl_pathv + found.gl_pathc);
         }
         globfree(&found);
+        // The agent's own stands there once it is written.
+        const std::string own = fs::path(all).parent_path() / kRsyslogIncludeFile;
+        if (fnmatch(all.c_str(), own.c_str(), FNM_PATHNAME) == 0) {
+            paths.insert(own);
+        }
+        for (const auto& path : paths) {
+            File(path, depth + 1);
+        }
     }
 
     void Rule(const std::string& text) {
-        if (text[0] == '$' || boost::starts_with(text, "ruleset") ||
-            boost::starts_with(text, "template") || boost::starts_with(text, "input(") ||
-            boost::starts_with(text, "global(") || boost::starts_with(text, "main_queue(")) {
-            return;
-        }
-        if (text[0] == '!' || text[0] == '+') {
-            // Blocks of a program's or a host's messages, to the next such line.
-            block_ = text.find('*') == std::string::npos ? Takes::kPerhaps : Takes::kYes;
+        calls_ |= boost::contains(text, "call");
+        if (boost::starts_with(text, "ruleset")) {
+            rulesets_.push_back({place_, text.substr(std::min(text.find('{'), text.size()))});
+        } else if (std::string("$!+").find(text[0]) != std::string::npos ||
+                   boost::starts_with(text, "template") || boost::starts_with(text, "input(") ||
+                   boost::starts_with(text, "global(") || boost::starts_with(text, "main_queue(")) {
+            return;  // blocks of programs and hosts have no effect either
         } else if (text[0] == '&') {
             Actions(text.substr(1), filter_);
         } else if (text[0] == ':') {
@@ -313,15 +328,24 @@ private:
             const std::size_t start = boost::starts_with(line, "-") ? 1 : 0;
             if (line.compare(start, 1, "/") == 0) {
                 Writes(line.substr(start, line.find_first_of("; \t", start) - start), filter);
+            } else if (line.compare(0, 2, "|/") == 0) {
+                Writes(line.substr(1, line.find_first_of("; \t") - 1), filter);
             } else if (line == "~" || line == "stop" || boost::starts_with(line, "stop ") ||
                        boost::starts_with(line, "stop\t")) {
                 Stop(filter);
+            } else if (const std::size_t blank = line.find_first_of(" \t");
+                       blank != std::string::npos && line.find('.') < blank) {
+                Mask both = Selected(line.substr(0, blank));  // a selector within braces
+                for (std::size_t k = 0; k < both.size(); ++k) {
+                    both[k] = std::min(both[k], filter[k]);
+                }
+                Actions(line.substr(blank), both);
             }
         }
     }
 
     Takes Reaches(std::size_t k, const Mask& filter) const {
-        return std::min({alive_[k], filter[k], block_});
+        return std::min(alive_[k], filter[k]);
     }
 
     void Writes(const std::string& file, const Mask& filter) {
@@ -337,6 +361,9 @@ private:
     void Stop(const Mask& filter) {
         for (std::size_t k = 0; k < alive_.size(); ++k) {
             const Takes stopped = Reaches(k, filter);
+            if (stopped != Takes::kNo && stops_[k].line == 0) {
+                stops_[k] = place_;
+            }
             if (stopped == Takes::kYes) {
                 alive_[k] = Takes::kNo;
             } else if (stopped == Takes::kPerhaps) {
@@ -347,9 +374,15 @@ private:
 
     RsyslogRules rules_;
     ConfPlace place_;
-    Mask filter_ = All(Takes::kNo);  // of the rule before, which "&" goes on with
-    Mask alive_ = All(Takes::kYes);  // what no rule has stopped
-    Takes block_ = Takes::kYes;
+    Mask filter_ = All(Takes::kNo);   // of the rule before, which "&" goes on with
+    Mask alive_ = All(Takes::kYes);   // what no rule has stopped
+    std::array<ConfPlace, 8> stops_;  // the first ones
+    struct Ruleset {
+        ConfPlace place;
+        std::string text;
+    };
+    std::vector<Ruleset> rulesets_;
+    bool calls_ = false;  // one of those, perhaps
     bool default_ruleset_ = true;
     int files_read_ = 0;
 };
@@ -401,7 +434,8 @@ std::vector<Return> FindReturns(const RsyslogRules& rules, const std::vector<std
     for (std::size_t to = 0; to < count; ++to) {
         const std::string path = CanonicalPath(files[to]);
         for (const FileRule& rule : rules.files) {
-            if (CanonicalPath(rule.file) != path) {
+            const std::string written = CanonicalPath(rule.file);
+            if (written != path && fnmatch(path.c_str(), written.c_str(), FNM_PATHNAME) != 0) {
                 continue;
             }
             writers[to].push_back(&rule);

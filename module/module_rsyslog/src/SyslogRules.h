@@ -30,6 +30,9 @@ struct FileRule {
 struct RsyslogRules {
     std::vector<FileRule> files;  // in the order in which a message meets them
     std::vector<ConfPlace> imfile_loads;
+    // For local0 to local7: where the message is stopped, or may be, before it is forwarded; a line
+    // of 0 where it is not.
+    std::array<ConfPlace, 8> stopped_before;
 
     static RsyslogRules Read(const std::string& conf);
 };

@@ -50,7 +50,7 @@ struct Case {
     std::string port = "5514";
     std::string server = "127.0.0.1";
     std::string type = "udp";
-    std::string another = "";  // file
+    std::string another = {};  // file
 };
 
 const std::vector<Case> kCases = {
@@ -77,7 +77,7 @@ const std::vector<Case> kCases = {
     {"/var/log/@.log", "5514", "a;b"},
     {"/var/log/@.log", "5514", "no.such.invalid"},
     {"/var/log/@.log", "5514", "127.0.0.1", "udpx"},
-    {"/var/log/@.log", "5514", "127.0.0.1", "udp", "/var/log/@.log:5516"},
+    {"/var/log/@.log", "5516", "127.0.0.1", "udp", "/var/log/@.log:5514"},
     {"/var/log/@.log", "5514", "127.0.0.1", "udp", "/var/log/@other.log:5514"},
 };
 
@@ -220,8 +220,9 @@ TEST_P(Agreement, WhatIsSaidHappens) {
             return Await([&] { return ipv4.Has(line) || ipv6.Has(line); },
                          std::chrono::milliseconds(host.Runs() ? patience : 0));
         };
-        const bool broken = !host.IsWell("own " + mark) | !arrives("control " + mark, 800) |
-                            !arrives("line " + mark, 400);
+        const bool well = host.IsWell("own " + mark);
+        const bool control_arrives = arrives("control " + mark, 800);
+        const bool broken = !arrives("line " + mark, 400) || !control_arrives || !well;
         std::string said;
         for (const auto& finding : findings) {
             said += Framework::Describe(finding) + "\n";

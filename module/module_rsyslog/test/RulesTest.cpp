@@ -56,9 +56,12 @@ TEST(Rules, AreReadAsTheDaemonDoes) {
         {"ruleset(name=\"x\") {\n  *.* /a\n}\n$RuleSet y\n*.* /b\n$RuleSet "
          "RSYSLOG_DefaultRuleset\n*.* /c\n",
          "/c yes@7"},
-        {"/* *.* /a\n*/ *.* /b # c\n!prog\n*.* /d\n!*\n*.* /e\n", "/b yes@2 /d perhaps@4 /e yes@6"},
-        {"*.* @server\n*.* |/pipe\n*.emerg :omusrmsg:*\n*.* root\n*.* ?dyna\n$FileOwner /x\n", ""},
-        {"$Include /x\n*.\n.\n;\n*.* \n\"\n(((\n*.* /a\n", ""},
+        {"ruleset(name=\"x\") {\n  *.* /a\n  local1.none /b\n}\nif $msg == 'x' then call x\n*.* "
+         "|/c\n",
+         "/c yes@6 /a perhaps@1 /b no@1"},
+        {"/* *.* /a\n*/ *.* /b # c\n!prog\n*.* /d\n!*\n*.* /e\n", "/b yes@2 /d yes@4 /e yes@6"},
+        {"*.* @server\n*.* |pipe\n*.emerg :omusrmsg:*\n*.* root\n*.* ?dyna\n$FileOwner /x\n", ""},
+        {"$Include /x\n*.\n.\n;\n*.* \n\"\n(((\n*.* /a\n", "/a no@7"},
     };
     for (const auto& [text, rules] : cases) {
         WriteText("/tmp/rules.conf", text);
@@ -79,6 +82,8 @@ TEST(Rules, StandWhereTheyAreIncluded) {
     EXPECT_EQ("/c", rules.files.back().file);
     EXPECT_EQ("/tmp/d/20.conf", rules.files[1].place.file);
     EXPECT_EQ("module(load=\"imfile\")", rules.imfile_loads.front().text);
+    EXPECT_EQ("local1.* stop", rules.stopped_before[1].text);
+    EXPECT_EQ(0, rules.stopped_before[2].line);
     std::filesystem::remove_all("/tmp/d");
 }
 
@@ -103,6 +108,7 @@ TEST(Rules, ComeAroundAgainOverAnyNumberOfFiles) {
          std::vector<Return::Kind>(8, Return::kNone),
          std::vector<int>(8, 0)},
         {"", {"/open"}, {Return::kPerhaps}, {0}},
+        {"*.* /var/log/x.log\n", {"/var/log/*.log"}, {Return::kLoops}, {1}},
         {"*.* /tmp/link/x\n", {"/tmp/target/x"}, {Return::kLoops}, {1}},
     };
     std::filesystem::create_directory("/tmp/target");
@@ -135,7 +141,8 @@ TEST(Rules, AgreeWithTheRealDaemon) {
     const std::string rules =
         "*.* /run/r/1\n*.info /run/r/2\n*.=debug /run/r/3\n*.!debug /run/r/4\n*.*;local1.none "
         "/run/r/5\n"
-        "local1.!info /run/r/6\nlocal0,local1.* -/run/r/7\nlocal1.7 /run/r/8\n*.*;*.!=debug /run/r/9\n"
+        "local1.!info /run/r/6\nlocal0,local1.* -/run/r/7\nlocal1.7 /run/r/8\n*.*;*.!=debug "
+        "/run/r/9\n"
         "*.*;*.!info /run/r/10\nlocal1.none;*.* /run/r/11\nmail.*;\\\n local1.debug /run/r/12\n"
         "action(type=\"omfile\"\n file=\"/run/r/13\")\nlocal1.* { action(type=\"omfile\" "
         "file=\"/run/r/14\") }\n"
