@@ -258,6 +258,13 @@ TEST(EndToEnd, CheckChangesNothingAndRestoreTakesAllBack) {
     const auto etc_is_as_kept = [] {
         return std::system("diff -r --no-dereference /run/etc /etc >/run/diff") == 0;
     };
+    WriteText("/run/bin.conf", "module.dir = /run/modules\n");
+    const std::string build =
+        std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path();
+    EXPECT_EQ(0,
+              std::system(
+                  ("mkdir -p /run/modules && cp " + build + "/module/*.so /run/modules").c_str()));
+    ASSERT_EQ(0, Watchpost("restore --yes --config=/run/bin.conf")) << "what other tests have left";
     ASSERT_EQ(0, std::system("cp -a /etc /run/etc"));
     for (const char* name : {"rsyslogd", "syslog-ng"}) {
         SCOPED_TRACE(name);
@@ -279,6 +286,12 @@ TEST(EndToEnd, CheckChangesNothingAndRestoreTakesAllBack) {
             EXPECT_EQ(2, Watchpost("check /run/bad.json /run/none.json /run/p.json"));
             EXPECT_EQ(1, Watchpost("check --json /run/bad.json"));
             EXPECT_EQ(1, Occurrences(ReadText("/run/out"), R"("key":"content.up_history")"));
+            WriteText("/run/loop.json", Policy(R"({"server_type":"udp","server":["127.0.0.1"],
+                "log_path":["/var/log/syslog:9"]})"));
+            WriteText("/var/log/syslog", "");
+            const bool loops = std::string(name) == "rsyslogd";
+            EXPECT_EQ(loops ? 2 : 0, Watchpost("check --host /run/loop.json"));
+            EXPECT_EQ(loops ? 1 : 0, Occurrences(ReadText("/run/out"), "comes around again"));
             EXPECT_TRUE(etc_is_as_kept()) << ReadText("/run/diff");
             AgentProcess::Policy("p.json", policy);
             EXPECT_TRUE(AgentProcess::AwaitLog(" is to forward "));
@@ -286,12 +299,6 @@ TEST(EndToEnd, CheckChangesNothingAndRestoreTakesAllBack) {
             EXPECT_EQ(75, Watchpost("restore --yes")) << "while an agent runs";
             EXPECT_EQ(0, agent.Stop());
         }
-        WriteText("/run/bin.conf", "module.dir = /run/modules\n");
-        const std::string build =
-            std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path();
-        EXPECT_EQ(
-            0, std::system(
-                   ("mkdir -p /run/modules && cp " + build + "/module/*.so /run/modules").c_str()));
         EXPECT_EQ(64, Watchpost("restore --config=/run/bin.conf")) << "nobody to ask";
         EXPECT_FALSE(etc_is_as_kept());
         std::remove("/run/service.log");

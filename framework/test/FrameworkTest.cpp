@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/stat.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -25,6 +26,8 @@ std::string Fixtures() {
     static const std::string directory = "/tmp/fixtures";
     if (std::filesystem::create_directory(directory)) {
         EXPECT_EQ(0, std::system(("cp " FIXTURE_DIR "/*.so " + directory).c_str()));
+        std::filesystem::copy(directory + "/fixture_sound.so", directory + "/fixture_others.so");
+        EXPECT_EQ(0, chmod((directory + "/fixture_others.so").c_str(), 0757));
     }
     return directory;
 }
@@ -316,10 +319,11 @@ TEST(Modules, BadOnesAreOneErrorLineEachAndTheSoundOneWorks) {
     const LogCapture log("watchpost");
     engine.LoadModules(Fixtures());
     for (const std::string bad : {"factory_missing.so", "factory_null.so", "init_fails.so",
-                                  "factory_throws.so", "no_library.so"}) {
+                                  "factory_throws.so", "no_library.so", "others.so"}) {
         EXPECT_EQ(1, log.Holding("_" + bad + " not loaded: ")) << bad;
     }
-    EXPECT_EQ(5, log.Errors());
+    EXPECT_EQ(6, log.Errors());
+    EXPECT_EQ(1, log.Holding("others than its owner may write it (mode 0757)"));
     engine.DeliverPolicy("10001", "good.json", "document");
     engine.EnforcePolicies();
     // Its callback gives no policy.

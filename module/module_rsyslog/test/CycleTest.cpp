@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "module/module_procs/src/ProcsFullTask.h"
+#include "module/module_rsyslog/src/ForwardingHealth.h"
 #include "module/module_rsyslog/test/ModuleSupport.h"
 #include "sdk/InnerCpuCtrlUtils.h"
 
@@ -230,6 +231,54 @@ TEST_F(Forwarding, EveryLongLoopHasItsThrottlePoint) {
                                           {"RsyslogTaskHistory.cpp", 2},
                                           {"RsyslogTaskLogin.cpp", 5}}),
               points);
+}
+
+TEST(ForwardingHealth, IsThatOfTheDaemonUnderWhatWasWrittenLast) {
+    const Poco::AutoPtr<Framework::Task> procs(new Engine::ProcsFullTask);
+    ASSERT_TRUE(TestSupport::TestEngine().StartTask(procs));
+    Engine::ForwardingHealth health;
+    const auto becomes = [&](bool good, const std::string& piece) {
+        const auto conditions = health.Conditions();
+        ASSERT_EQ(1U, conditions.size());
+        EXPECT_EQ(good, conditions.front().good);
+        EXPECT_NE(std::string::npos, conditions.front().text.find(piece))
+            << conditions.front().text;
+    };
+    EXPECT_TRUE(health.Conditions().empty());
+    health.Saw(Engine::DaemonKind::kRsyslog);
+    becomes(false, "does not run");
+    const std::string path = "/run/written.conf";
+    TestSupport::WriteText("/run/r.conf", "*.* /run/r.log\n");
+    const auto pid = [] { return std::atoi(TestSupport::ReadText("/run/r.pid").c_str()); };
+    const auto start = [&] {
+        EXPECT_EQ(0, std::system("rsyslogd -f /run/r.conf -i /run/r.pid 2>/dev/null"));
+        EXPECT_TRUE(TestSupport::Await([&] { return pid() > 0; }));
+    };
+    const auto stop = [&] {
+        ASSERT_LT(0, pid());
+        kill(pid(), SIGTERM);
+        EXPECT_TRUE(TestSupport::Await([&] { return pid() == 0; }));
+    };
+    start();
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    TestSupport::WriteText(path, "1");
+    health.Wrote(path);
+    becomes(false, "has not been restarted since /run/written.conf was written");
+    stop();
+    becomes(false, "does not run");
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    start();
+    health.Judged({"rsyslogd -N1", true, true, ""});
+    becomes(true, "holds the configuration");
+    health.Judged({"rsyslogd -N1", true, false, "bad words"});
+    becomes(false, "finds fault with its configuration: bad words");
+    health.Wrote(path);
+    TestSupport::WriteText(path, "2 by somebody else");
+    becomes(false, "has been changed or removed since the agent wrote it");
+    health.Forget();
+    EXPECT_TRUE(health.Conditions().empty());
+    stop();
+    TestSupport::TestEngine().StopTask("procs_full_task");
 }
 
 }  // namespace
