@@ -70,8 +70,10 @@ public:
     }
     ~Daemon() {
         const pid_t pid = std::atoi(ReadText(pid_file_).c_str());
-        kill(pid, SIGTERM);
-        EXPECT_TRUE(Await([pid] { return kill(pid, 0) != 0; }));
+        if (pid > 0) {
+            kill(pid, SIGTERM);
+            EXPECT_TRUE(Await([pid] { return kill(pid, 0) != 0; }));
+        }
         std::remove(kInclude);
     }
 
@@ -224,8 +226,6 @@ TEST(EndToEnd, StatusTellsTheHealthyFromTheWrongFromTheDead) {
         AgentProcess::Policy("p.json", Policy(R"({"server_type":"udp","server":["127.0.0.1"],
             "log_path":["/var/log/a.log:9"]})"));
         becomes(0, " and holds the configuration that the agent has written");
-        WriteText(kInclude, "");
-        becomes(1, "BAD   rsyslog: runs as process ");
         AgentProcess::Policy("p.json", Policy("{}", R"("enable":"enable",)"));
         becomes(0, "p.json: rsyslog_feature of rsyslog_module, since ");
         becomes(0, "rsyslog_task     every 10 s, last cycle");
@@ -250,6 +250,31 @@ TEST(EndToEnd, StatusTellsTheHealthyFromTheWrongFromTheDead) {
     }
     WriteText("/run/conf", "status.file = /run");
     EXPECT_EQ(4, Watchpost("status --config=/run/conf"));
+}
+
+// One finds fault with another's rule and goes on, the other ends over two files for one server.
+TEST(EndToEnd, ADaemonThatSuffersIsAnErrorLineWithItsOwnWords) {
+    const struct {
+        const char *daemon, *line, *words;
+    } cases[] = {{"rsyslogd", "rsyslog finds fault with its configuration; rsyslogd -N1 says: ",
+                  "unknown priority name"},
+                 {"syslog-ng",
+                  "syslog-ng does not run after its restart; syslog-ng --syntax-only says: ", ""}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.daemon);
+        const std::string conf = ReadText(kConf);
+        const Daemon daemon(c.daemon);
+        WriteText("/etc/rsyslog.d/zz.conf", "local1.x @x y\n");
+        AgentProcess agent;
+        AgentProcess::Policy("p.json", Policy(R"({"server_type":"udp","server":["127.0.0.1"],
+            "log_path":["/var/log/a.log:9","/var/log/b.log:9"]})"));
+        EXPECT_TRUE(AgentProcess::AwaitLog(c.line));
+        EXPECT_LE(1, AgentProcess::Logged(c.words));
+        std::remove("/etc/rsyslog.d/zz.conf");
+        EXPECT_TRUE(Await([] { return Watchpost("status") == 1; })) << ReadText("/run/out");
+        EXPECT_EQ(0, agent.Stop());
+        WriteText(kConf, conf);
+    }
 }
 
 // Checked and previewed, applied, taken back: the configuration of the host changes just where it

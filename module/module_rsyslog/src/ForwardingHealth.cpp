@@ -1,5 +1,7 @@
 #include "module/module_rsyslog/src/ForwardingHealth.h"
 
+#include <boost/algorithm/string/trim.hpp>
+
 namespace Engine {
 
 namespace {
@@ -61,7 +63,7 @@ bool ForwardingHealth::Holds(std::string& why_not) const {
     } else if (started_ < written_) {
         why_not = "it has not been restarted since " + path_ + " was written";
     } else if (verdict_.asked && !verdict_.accepted) {
-        why_not = "it finds fault with its configuration: " + verdict_.words;
+        why_not = "it finds fault with its configuration: " + boost::trim_copy(verdict_.words);
     }
     return why_not.empty();
 }

@@ -1,4 +1,5 @@
 #include <boost/algorithm/string/join.hpp>
+#include <boost/algorithm/string/trim.hpp>
 #include <chrono>
 #include <thread>
 #include <utility>
@@ -89,12 +90,14 @@ void RsyslogTask::ConfirmForwarding() {
     if (stopping()) {
         return;
     }
+    const std::string says =
+        "; " + verdict.command + " says: " +
+        (verdict.words.empty() ? "nothing, see the journal for what its start has said"
+                               : boost::trim_copy(verdict.words));
     if (!runs) {
-        Framework::Log().error(name + " does not run after its restart; " + verdict.command +
-                               " says: " + verdict.words);
+        Framework::Log().error(name + " does not run after its restart" + says);
     } else if (verdict.asked && !verdict.accepted) {
-        Framework::Log().error(name + " finds fault with its configuration; " + verdict.command +
-                               " says: " + verdict.words);
+        Framework::Log().error(name + " finds fault with its configuration" + says);
     }
     for (const path_port& entry : rsyslog_policy.log_path) {
         if (runs && !entry.servers.empty()) {
