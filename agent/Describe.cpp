@@ -4,11 +4,11 @@
 #include <Poco/PipeStream.h>
 #include <Poco/Process.h>
 #include <Poco/StreamCopier.h>
-#include <Poco/TemporaryFile.h>
 
 #include <fstream>
 #include <sstream>
 
+#include "sdk/PrivateFolder.h"
 #include "sdk/StringUtils.h"
 
 namespace Describe {
@@ -28,16 +28,16 @@ std::string Indented(const std::string& text) {
 }
 
 std::string Diff(const Framework::FileChange& file) {
-    const Poco::TemporaryFile before;
-    const Poco::TemporaryFile after;
-    std::ofstream(before.path(), std::ios::binary) << file.before;
-    std::ofstream(after.path(), std::ios::binary) << file.after;
+    const SDK::PrivateFolder folder;
+    const std::string before = folder.Path() + "/before";
+    const std::string after = folder.Path() + "/after";
+    std::ofstream(before, std::ios::binary) << file.before;
+    std::ofstream(after, std::ios::binary) << file.after;
     const std::string old_label = file.existed ? file.path : "/dev/null";
     const std::string new_label = file.remains ? file.path : "/dev/null";
     Poco::Pipe output;
     const Poco::ProcessHandle diff = Poco::Process::launch(
-        "diff",
-        {"--text", "-u", "--label", old_label, "--label", new_label, before.path(), after.path()},
+        "diff", {"--text", "-u", "--label", old_label, "--label", new_label, before, after},
         nullptr, &output, nullptr);
     Poco::PipeInputStream stream(output);
     std::string text;

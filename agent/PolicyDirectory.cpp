@@ -52,6 +52,9 @@ std::string ReadTrusted(const std::string& path, std::string& content) {
     }
     std::string why_not = file.Distrust();
     if (why_not.empty()) {
+        why_not = SDK::Trust::WhyNotWay(path);  // of a link, where it leads
+    }
+    if (why_not.empty()) {
         if (const int error = file.Read(content, PolicyDirectory::kMaxPolicySize); error != 0) {
             return std::strerror(error);
         }

@@ -7,6 +7,7 @@
 #include "agent/Describe.h"
 #include "agent/Settings.h"
 #include "agent/StartError.h"
+#include "agent/StatusFile.h"
 #include "agent/Watchpost.h"
 
 namespace {
@@ -23,6 +24,9 @@ int Commands::Restore(Watchpost& engine, const Settings& settings,
                       const std::vector<std::string>& arguments) {
     if (!arguments.empty()) {
         throw StartError{EX_USAGE, "unexpected argument " + arguments.front()};
+    }
+    if (IsAlive(ReadStatusFile(settings.Get("status.file")))) {
+        throw StartError{EX_TEMPFAIL, "an agent runs: stop it first"};
     }
     // Held to the end: no agent starts meanwhile. Without a log directory none can.
     SDK::Descriptor lock;

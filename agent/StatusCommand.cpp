@@ -4,17 +4,15 @@
 #include <sysexits.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <iomanip>
 #include <iostream>
 
 #include "agent/Commands.h"
 #include "agent/Settings.h"
 #include "agent/StartError.h"
+#include "agent/StatusFile.h"
 #include "agent/StatusJudgement.h"
-#include "agent/StatusTask.h"
-#include "sdk/FileUtils.h"
+#include "framework/Finding.h"
 #include "sdk/JsonUtils.h"
 #include "sdk/StringUtils.h"
 
@@ -24,34 +22,9 @@ using SDK::JsonUtils::GetBoolValue;
 using SDK::JsonUtils::GetIntValue;
 using SDK::JsonUtils::GetStringValue;
 
-constexpr std::size_t kMaxSize = 1 << 20;
-constexpr int kUnreadable = 4;
-
-// What the file holds; nothing when there is no file.
-Json::Value Read(const std::string& path) {
-    Json::Value status(Json::objectValue);
-    std::string text;
-    const int error = SDK::FileUtils::ReadFile(path, text, kMaxSize);
-    if (error == ENOENT) {
-        return status;
-    }
-    if (error != 0) {
-        throw StartError{kUnreadable, "status file " + path + ": " + std::strerror(error)};
-    }
-    if (SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), status) != 0 || !status.isObject()) {
-        throw StartError{kUnreadable, "status file " + path + " is none: not a JSON object"};
-    }
-    return status;
-}
-
 // A whole number of any size.
 std::string Number(const Json::Value& value, const char* key) {
     return value[key].isIntegral() ? value[key].asString() : "0";
-}
-
-bool IsAlive(const Json::Value& status) {
-    const std::uint64_t start = ProcessStart(GetIntValue(status, "pid", 0));
-    return start != 0 && Number(status, "process_start") == std::to_string(start);
 }
 
 // Writes a line to the terminal, the label in a column of its own.
@@ -85,12 +58,18 @@ std::string Since(const Json::Value& value) {
            FromNow(time);
 }
 
+// ", id web-servers", or nothing.
+std::string Named(const Json::Value& policy, const std::string& key) {
+    const std::string text = GetStringValue(policy, key, "");
+    return text.empty() ? "" : ", " + key + " " + text;
+}
+
 std::vector<std::string> Policies(const Json::Value& status) {
     std::vector<std::string> lines;
     for (const Json::Value& policy : Entries(status, "policies")) {
         lines.push_back(
             GetStringValue(policy, "key", "") + ": " + GetStringValue(policy, "name", "") + " of " +
-            GetStringValue(policy, "module", "") +
+            GetStringValue(policy, "module", "") + Named(policy, "id") + Named(policy, "hash") +
             (GetBoolValue(policy, "enabled", false) ? ", " : ", switched off, ") + Since(policy));
         for (const Json::Value& finding : Entries(policy, "findings")) {
             lines.push_back("  " + GetStringValue(finding, "severity", "") + ": " +
@@ -179,7 +158,7 @@ int Commands::Status(Watchpost& /*engine*/, const Settings& settings,
         throw StartError{EX_USAGE, "unexpected argument " + arguments.front()};
     }
     const std::string path = settings.Get("status.file");
-    Json::Value status = Read(path);
+    Json::Value status = ReadStatusFile(path);
     const StatusJudgement judgement =
         status.empty()
             ? StatusJudgement{StatusJudgement::kNotRunning, {"there is no status file " + path}}

@@ -1,6 +1,7 @@
 #include "agent/Watchpost.h"
 
 #include <Poco/Exception.h>
+#include <Poco/NullChannel.h>
 #include <Poco/Util/HelpFormatter.h>
 #include <Poco/Util/OptionException.h>
 #include <fcntl.h>
@@ -25,6 +26,7 @@
 #include "agent/StartError.h"
 #include "agent/StatusTask.h"
 #include "framework/Log.h"
+#include "sdk/ErrorStream.h"
 #include "sdk/InnerCpuCtrlUtils.h"
 #include "sdk/LoggerUtils.h"
 #include "sdk/Trust.h"
@@ -42,7 +44,9 @@ namespace {
 
 const Command kCommands[] = {
     {"check", "[OPTION]... FILE...",
-     "Tells what is wrong with policy files, and what they would do.", Commands::Check},
+     "Tells what is wrong with policy files, and what they would do. "
+     "Exit status 0: clean, 1: warnings, 2: errors.",
+     Commands::Check},
     {"status", "[OPTION]...", "Tells how the running agent fares.", Commands::Status},
     {"restore", "[OPTION]...", "Takes the forwarding out of the host's configuration.",
      Commands::Restore},
@@ -171,6 +175,8 @@ int Watchpost::RunCommand(const std::vector<std::string>& arguments) {
     Poco::Logger::root();
     Poco::Logger::setChannel("", nullptr);
     Poco::Logger::setLevel("", 0);
+    Framework::Log().setChannel(new SDK::ErrorStream(new Poco::NullChannel));
+    Framework::Log().setLevel(Poco::Message::PRIO_ERROR);
     settings_.ReadFile(kConfiguration);
     return command_->run(*this, settings_, arguments);
 }

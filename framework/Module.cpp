@@ -65,7 +65,7 @@ Delivery Module::DeliverPolicy(const std::string& type, const std::string& key,
     const auto refusing = std::find_if(findings.begin(), findings.end(),
                                        [](const Finding& finding) { return finding.refuses; });
     if (refusing != findings.end()) {
-        LogRefusal(key, refusing->problem);
+        LogRefusal(key, Describe(*refusing));
         return {false, Describe(*refusing)};
     }
 

@@ -297,7 +297,7 @@ TEST(Delivery, LogsWhatTheJudgeFindsKeepsItWithThePolicyAndHeedsARefusal) {
     EXPECT_EQ(1, log.Count("4 policy a: content.x: odd; even it"));
     EXPECT_EQ(1, log.Count("3 policy a: bad"));
     EXPECT_EQ(1, log.Count("3 policy b: all: worse; mend it"));
-    EXPECT_EQ(1, log.Count("3 module workers: policy b refused: worse"));
+    EXPECT_EQ(1, log.Count("3 module workers: policy b refused: all: worse; mend it"));
     auto states = module->PoliciesInForce();
     ASSERT_EQ(1U, states.size());
     const Framework::PolicyState& a = states.front();

@@ -118,6 +118,40 @@ std::optional<in_addr> LookUp(const std::string& host) {
     return address;
 }
 
+std::optional<bool> IsKnown(const std::string& host) {
+    addrinfo* found = nullptr;
+    const int error = getaddrinfo(host.c_str(), nullptr, nullptr, &found);
+    if (error != 0) {
+        return std::nullopt;
+    }
+    freeaddrinfo(found);
+    return true;
+}
+
+// Name servers that keep silent hold the resolver for minutes, and nothing ends its wait: a thread
+// of its own does the waiting for `work`, and is left behind at a stop.
+template <typename Work, typename Answer>
+Outcome Detached(Work work, Answer& out, const std::function<bool()>& stopping) {
+    std::packaged_task<std::optional<Answer>()> task(std::move(work));
+    std::future<std::optional<Answer>> answer = task.get_future();
+    try {
+        std::thread(std::move(task)).detach();
+    } catch (const std::system_error&) {
+        return Outcome::kFailed;
+    }
+    while (answer.wait_for(kPause) != std::future_status::ready) {
+        if (stopping()) {
+            return Outcome::kStopped;
+        }
+    }
+    const std::optional<Answer> found = answer.get();
+    if (!found) {
+        return Outcome::kFailed;
+    }
+    out = *found;
+    return Outcome::kDone;
+}
+
 Outcome Run(const std::string& command, const std::function<bool()>& stopping, int output,
             int& exit_status) {
     // Two at once could restart the same daemon. All together have a minute.
@@ -185,26 +219,12 @@ void NoteRestart() {
 }
 
 Outcome LookUpHost(const std::string& host, in_addr& out, const std::function<bool()>& stopping) {
-    // Name servers that keep silent hold the resolver for minutes, and nothing ends its wait: a
-    // thread of its own does the waiting, and is left behind at a stop.
-    std::packaged_task<std::optional<in_addr>()> task([host] { return LookUp(host); });
-    std::future<std::optional<in_addr>> answer = task.get_future();
-    try {
-        std::thread(std::move(task)).detach();
-    } catch (const std::system_error&) {
-        return Outcome::kFailed;
-    }
-    while (answer.wait_for(kPause) != std::future_status::ready) {
-        if (stopping()) {
-            return Outcome::kStopped;
-        }
-    }
-    const std::optional<in_addr> address = answer.get();
-    if (!address) {
-        return Outcome::kFailed;
-    }
-    out = *address;
-    return Outcome::kDone;
+    return Detached([host] { return LookUp(host); }, out, stopping);
+}
+
+Outcome LookUpHost(const std::string& host, const std::function<bool()>& stopping) {
+    bool known = false;
+    return Detached([host] { return IsKnown(host); }, known, stopping);
 }
 
 }  // namespace Engine

@@ -30,5 +30,7 @@ void NoteRestart();
 
 // Sets `out` to the first IPv4 address that the system's resolver knows for the name `host`.
 Outcome LookUpHost(const std::string& host, in_addr& out, const std::function<bool()>& stopping);
+// Whether the resolver knows an address of any kind for it.
+Outcome LookUpHost(const std::string& host, const std::function<bool()>& stopping);
 
 }  // namespace Engine

@@ -1,0 +1,25 @@
+#include "sdk/PrivateFolder.h"
+
+#include <Poco/Exception.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <system_error>
+
+namespace SDK {
+
+PrivateFolder::PrivateFolder() : path_("/tmp/watchpost.XXXXXX") {
+    // Of a name that nobody has guessed, or put something of his own at.
+    if (mkdtemp(path_.data()) == nullptr) {
+        throw Poco::SystemException(path_, std::strerror(errno));
+    }
+}
+
+PrivateFolder::~PrivateFolder() {
+    std::error_code error;
+    std::filesystem::remove_all(path_, error);
+}
+
+}  // namespace SDK
