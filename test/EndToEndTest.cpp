@@ -256,10 +256,12 @@ TEST(EndToEnd, StatusTellsTheHealthyFromTheWrongFromTheDead) {
 TEST(EndToEnd, ADaemonThatSuffersIsAnErrorLineWithItsOwnWords) {
     const struct {
         const char *daemon, *line, *words;
-    } cases[] = {{"rsyslogd", "rsyslog finds fault with its configuration; rsyslogd -N1 says: ",
-                  "unknown priority name"},
-                 {"syslog-ng",
-                  "syslog-ng does not run after its restart; syslog-ng --syntax-only says: ", ""}};
+    } cases[] = {
+        {"rsyslogd", "rsyslog finds fault with its configuration; rsyslogd -N1 says: rsyslogd: ",
+         "unknown priority name"},
+        {"syslog-ng",
+         "syslog-ng does not run after its restart; it finds no fault with its configuration, see",
+         ""}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.daemon);
         const std::string conf = ReadText(kConf);

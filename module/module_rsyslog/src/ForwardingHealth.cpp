@@ -1,7 +1,5 @@
 #include "module/module_rsyslog/src/ForwardingHealth.h"
 
-#include <boost/algorithm/string/trim.hpp>
-
 namespace Engine {
 
 namespace {
@@ -15,10 +13,11 @@ ForwardingHealth& ForwardingHealth::Instance() {
     return health;
 }
 
-void ForwardingHealth::Saw(DaemonKind kind) {
+void ForwardingHealth::Saw(DaemonKind kind, bool wanted) {
     const std::lock_guard<std::mutex> lock(mutex_);
     known_ = true;
-    wanted_ = kind;
+    kind_ = kind;
+    wanted_ = wanted;
 }
 
 void ForwardingHealth::Wrote(const std::string& path) {
@@ -26,13 +25,13 @@ void ForwardingHealth::Wrote(const std::string& path) {
     path_ = path;
     stamp_ = SDK::FileStamp::Of(path.c_str());
     written_ = SinceBoot();
-    verdict_ = {};
+    faults_.clear();
     looked_ = 0;
 }
 
-void ForwardingHealth::Judged(const Framework::Verdict& verdict) {
+void ForwardingHealth::Judged(const std::string& faults) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    verdict_ = verdict;
+    faults_ = faults;
     looked_ = 0;
 }
 
@@ -40,7 +39,7 @@ void ForwardingHealth::Forget() {
     const std::lock_guard<std::mutex> lock(mutex_);
     known_ = false;
     path_.clear();
-    verdict_ = {};
+    faults_.clear();
 }
 
 void ForwardingHealth::Look() {
@@ -62,8 +61,8 @@ bool ForwardingHealth::Holds(std::string& why_not) const {
         why_not = path_ + " has been changed or removed since the agent wrote it";
     } else if (started_ < written_) {
         why_not = "it has not been restarted since " + path_ + " was written";
-    } else if (verdict_.asked && !verdict_.accepted) {
-        why_not = "it finds fault with its configuration: " + boost::trim_copy(verdict_.words);
+    } else if (!faults_.empty()) {
+        why_not = "it finds fault with its configuration: " + faults_;
     }
     return why_not.empty();
 }
@@ -75,12 +74,15 @@ std::vector<Framework::Condition> ForwardingHealth::Conditions() {
     }
     Look();
     if (started_ < 0) {
-        const bool wanted = wanted_ != DaemonKind::kNone;
-        return {{wanted ? Name(wanted_) : "syslog daemon", false, "does not run"}};
+        const bool named = kind_ != DaemonKind::kNone;
+        return {{named ? Name(kind_) : "syslog daemon", false, "does not run"}};
     }
     const std::string subject = Name(daemon_.kind);
     const std::string runs = "runs as process " + std::to_string(daemon_.process);
     std::string why_not;
+    if (path_.empty() && wanted_) {
+        return {{subject, false, runs + ", but has not been told what the policy forwards"}};
+    }
     if (path_.empty()) {
         return {{subject, true, runs}};
     }

@@ -17,12 +17,12 @@ class ForwardingHealth {
 public:
     static ForwardingHealth& Instance();
 
-    // A full pass has found that daemon, or none.
-    void Saw(DaemonKind kind);
+    // A full pass has found that daemon, or none. `wanted`: the policy forwards something.
+    void Saw(DaemonKind kind, bool wanted);
     // The file has been written for the daemon; what was written before no longer counts.
     void Wrote(const std::string& path);
-    // What the daemon says of it.
-    void Judged(const Framework::Verdict& verdict);
+    // What fault the daemon finds with it; empty when none.
+    void Judged(const std::string& faults);
     // No task looks after the forwarding any more.
     void Forget();
 
@@ -36,14 +36,15 @@ private:
 
     std::mutex mutex_;  // guards the rest
     bool known_ = false;
-    DaemonKind wanted_ = DaemonKind::kNone;
+    DaemonKind kind_ = DaemonKind::kNone;
+    bool wanted_ = false;
     SyslogDaemon daemon_;
     std::int64_t started_ = -1;  // of daemon_'s process
     std::int64_t looked_ = 0;    // since boot, in tenths of a second, as the next
     std::int64_t written_ = -1;
     std::string path_;  // empty: nothing written
     SDK::FileStamp stamp_;
-    Framework::Verdict verdict_;
+    std::string faults_;
 };
 
 }  // namespace Engine

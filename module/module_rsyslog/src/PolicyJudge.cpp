@@ -18,6 +18,8 @@ namespace {
 constexpr std::size_t kMostRsyslogFiles = 7;
 constexpr unsigned long kMaxPort = 65535;
 
+const char* const kNameCharacters =
+    "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-_";
 // What ends or begins a word, a text or a block in one daemon's configuration or the other's.
 const char* const kBlanksQuotesBrackets = " \"'`\\(){}<>[]";
 
@@ -156,6 +158,9 @@ private:
         const std::string& type = wanted_.server_type;
         const std::string key = "content.server_type";
         const bool known = boost::starts_with(type, "tcp") || boost::starts_with(type, "udp");
+        if (known && Holds(type.substr(3), kBlanksQuotesBrackets)) {
+            findings_.Refuse(key, "holds a blank, a quote or a bracket", "write udp");
+        }
         if (wanted_.files.empty()) {
             return;
         }
@@ -167,9 +172,6 @@ private:
                            "write udp");
             return;
         }
-        if (Holds(type.substr(3), kBlanksQuotesBrackets)) {
-            findings_.Refuse(key, "holds a blank, a quote or a bracket", "write udp");
-        }
         if (boost::starts_with(type, "tcp")) {
             findings_.Warn(key,
                            "over tcp every server counts as unreachable: none is configured, and "
@@ -177,7 +179,7 @@ private:
                            "write udp");
         } else if (type != "udp" && type != "udp6") {
             Of(DaemonKind::kSyslogng, true, key,
-               "\"" + type + "\" is no driver: the daemon does not start any more", "write udp");
+               "\"" + type + "\" is no driver: the daemon may not start any more", "write udp");
         }
     }
 
@@ -203,8 +205,7 @@ private:
         } else if (Holds(text, kBlanksQuotesBrackets)) {
             findings_.Refuse(server.key, "holds a blank, a quote or a bracket",
                              "write a name or an address");
-        } else if (text.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
-                                          "0123456789.-_") != std::string::npos) {
+        } else if (text.find_first_not_of(kNameCharacters) != std::string::npos) {
             findings_.Fail(server.key,
                            "is neither a name nor an address: nothing arrives where it should",
                            text.find(':') != std::string::npos
@@ -268,7 +269,7 @@ private:
             Of(DaemonKind::kSyslogng, true, key,
                "holds a backtick: the daemon does not start any more", "rename the file");
         }
-        if (path.front() != '/' || Holds(path, " !{}") ||
+        if (path.front() != '/' || Holds(path, " !{}") || path.back() == ',' ||
             std::count(path.begin(), path.end(), '[') !=
                 std::count(path.begin(), path.end(), ']')) {
             Of(DaemonKind::kSyslogng, true, key,
@@ -281,25 +282,23 @@ private:
     void Port(const WantedForwarding::File& file) {
         const std::string& port = file.port;
         const std::string& key = file.place.key;
+        static const std::string kNoStart =
+            ": nothing arrives where it should, and syslog-ng may not start any more";
         const std::string no_port = "\"" + port + "\" is no port from 1 to 65535";
         const std::size_t digits = std::min(port.find_first_not_of("0123456789"), port.size());
         if (Holds(port, kBlanksQuotesBrackets)) {
             findings_.Refuse(key, "has a blank, a quote or a bracket in its port",
                              "write FILE:PORT");
-        } else if (port.empty() || Holds(port, ";#,&")) {
-            findings_.Fail(
-                key,
-                no_port + ": the file is not forwarded" +
-                    (kind_ == DaemonKind::kRsyslog ? ""
-                                                   : ", and syslog-ng does not start any more"),
-                "write FILE:PORT");
-        } else if (IsPort(port.substr(0, digits)) && digits < port.size()) {
-            Of(DaemonKind::kSyslogng, true, key, no_port + ": the file is not forwarded",
-               "write FILE:PORT");
+        } else if (IsPort(port.substr(0, digits)) && digits < port.size() && !Holds(port, ";")) {
+            Of(DaemonKind::kSyslogng, true, key, no_port + kNoStart, "write FILE:PORT");
             Of(DaemonKind::kRsyslog, false, key, no_port + ", and is cut behind its digits",
                "write FILE:PORT");
         } else if (!IsPort(port)) {
-            findings_.Fail(key, no_port + ": nothing arrives where it should", "write FILE:PORT");
+            findings_.Fail(
+                key,
+                no_port + (kind_ == DaemonKind::kRsyslog ? ": nothing arrives where it should"
+                                                         : kNoStart),
+                "write FILE:PORT");
         }
     }
 
@@ -310,6 +309,12 @@ private:
 };
 
 }  // namespace
+
+bool MayBeName(const std::string& server) {
+    in_addr address = {};
+    return !server.empty() && server.find_first_not_of(kNameCharacters) == std::string::npos &&
+           inet_aton(server.c_str(), &address) == 0;
+}
 
 WantedForwarding GetForwarding(const Json::Value& document) {
     WantedForwarding wanted;

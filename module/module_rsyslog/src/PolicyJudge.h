@@ -28,6 +28,9 @@ struct WantedForwarding {
     std::vector<File> files;  // those with a port
 };
 
+// Whether a server is given by name, to be looked up.
+bool MayBeName(const std::string& server);
+
 // The forwarding that the document asks for.
 WantedForwarding GetForwarding(const Json::Value& document);
 

@@ -1,11 +1,12 @@
-#include <arpa/inet.h>
 #include <glob.h>
 #include <sys/stat.h>
 
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <set>
+#include <system_error>
 
 #include "framework/Engine.h"
 #include "module/module_rsyslog/src/MarkedBlock.h"
@@ -27,28 +28,34 @@ constexpr int kIncludePathSize = 1024;
 // In place of the key for what concerns all files.
 const char* const kFiles = "content.log_path";
 
-void JudgeRsyslog(Findings& findings) {
+void JudgeRsyslog(const RsyslogRules& rules, Findings& findings) {
+    const std::string conf = kRsyslogConf;
     char directory[kIncludePathSize] = {};
-    struct stat status = {};
     switch (FindIncludeDirectory(directory, kIncludePathSize)) {
         case Include::kUnreadable:
-            findings.Fail(kFiles,
-                          std::string(kRsyslogConf) + " cannot be read (" + std::strerror(errno) +
-                              "): nothing is forwarded",
-                          "mend that");
+            findings.Fail(
+                kFiles,
+                conf + " cannot be read (" + std::strerror(errno) + "): nothing is forwarded",
+                "mend that");
             return;
         case Include::kFound:
-            if (stat(directory, &status) != 0 || !S_ISDIR(status.st_mode)) {
-                findings.Fail(kFiles,
-                              std::string("the directory that ") + kRsyslogConf + " includes, " +
-                                  directory + ", is missing: nothing is forwarded",
-                              "make it");
-            }
-            return;
+            break;
         default:
-            findings.Fail(
-                kFiles, std::string(kRsyslogConf) + " includes no directory: nothing is forwarded",
-                "begin a line of it with $IncludeConfig /etc/rsyslog.d/*.conf");
+            findings.Fail(kFiles, conf + " includes no directory: nothing is forwarded",
+                          "begin a line of it with $IncludeConfig /etc/rsyslog.d/*.conf");
+            return;
+    }
+    const std::string own = std::string(directory) + kRsyslogIncludeFile;
+    std::error_code error;
+    if (!std::filesystem::is_directory(std::filesystem::path(own).parent_path(), error)) {
+        findings.Fail(kFiles,
+                      "the directory of " + own + ", by the first include line of " + conf +
+                          ", is missing: nothing is forwarded",
+                      "make it");
+    } else if (!rules.reads_own) {
+        findings.Fail(kFiles,
+                      "no include line of " + conf + " takes " + own + ": nothing is forwarded",
+                      "include /etc/rsyslog.d/*.conf in the first of them");
     }
 }
 
@@ -112,22 +119,16 @@ void JudgeNames(const std::vector<Placed>& servers, Findings& findings) {
         return Clock::now() >= end || Framework::Engine::Instance().IsStopping();
     };
     for (const Placed& server : servers) {
-        in_addr address = {};
-        in6_addr address6 = {};
-        std::string name = server.text;
-        if (name.empty() || name.find_first_of(":[]") != std::string::npos ||
-            inet_aton(name.c_str(), &address) != 0 ||
-            inet_pton(AF_INET6, name.c_str(), &address6) == 1) {
+        if (!MayBeName(server.text)) {
             continue;
         }
-        const Outcome outcome =
-            stopping() ? Outcome::kStopped : LookUpHost(name, address, stopping);
+        const Outcome outcome = stopping() ? Outcome::kStopped : LookUpHost(server.text, stopping);
         if (outcome == Outcome::kFailed) {
-            findings.Warn(server.key, "the name " + name + " has no IPv4 address here",
+            findings.Warn(server.key, "the name " + server.text + " has no address here",
                           "nothing arrives there until it has one");
         } else if (outcome == Outcome::kStopped) {
-            findings.Warn(server.key, "the name " + name + " could not be looked up in time",
-                          "see to the name servers of this host");
+            findings.Warn(server.key, "the name " + server.text + " could not be looked up in time",
+                          "see to the name servers of this host: the daemon waits for them too");
             return;
         }
     }
@@ -162,20 +163,22 @@ void JudgeReturn(const WantedForwarding::File& file, const Return& found, Findin
     }
 }
 
-// Forwarded lines enter rsyslog's own rules; syslog-ng's only where they take every source.
-void JudgeReturns(const WantedForwarding& wanted, const SyslogDaemon& daemon, Findings& findings) {
-    RsyslogRules rules;
-    std::set<std::string> open = FilesWrittenBy(daemon.process);
-    if (daemon.kind == DaemonKind::kRsyslog) {
-        rules = RsyslogRules::Read(kRsyslogConf);
-    } else if (!HasCatchAll(kSyslogngConf.path)) {
-        open.clear();
+std::set<std::string> WrittenFiles(const SyslogDaemon& daemon) {
+    std::set<std::string> files;
+    for (const int process : daemon.processes) {
+        files.merge(FilesWrittenBy(process));
     }
+    return files;
+}
+
+// Forwarded lines enter rsyslog's own rules.
+void JudgeReturns(const WantedForwarding& wanted, const RsyslogRules& rules,
+                  const SyslogDaemon& daemon, Findings& findings) {
     std::vector<std::string> paths;
     for (const auto& file : wanted.files) {
         paths.push_back(file.path);
     }
-    const std::vector<Return> returns = FindReturns(rules, paths, open);
+    const std::vector<Return> returns = FindReturns(rules, paths, WrittenFiles(daemon));
     for (std::size_t i = 0; i < returns.size(); ++i) {
         JudgeReturn(wanted.files[i], returns[i], findings);
         if (i + 1 < rules.stopped_before.size() && rules.stopped_before[i + 1].line > 0) {
@@ -192,7 +195,23 @@ void JudgeReturns(const WantedForwarding& wanted, const SyslogDaemon& daemon, Fi
                       Describe(place) +
                           " loads imfile too: the daemon says so at each start, and "
                           "only the first one's parameters count",
-                      "nothing, unless you need those of both");
+                      "leave it so, unless you need those of both");
+    }
+}
+
+// They enter syslog-ng's log statements only where those take every source.
+void JudgeCatchAll(const WantedForwarding& wanted, const SyslogDaemon& daemon, Findings& findings) {
+    if (!HasCatchAll(kSyslogngConf.path)) {
+        return;
+    }
+    const std::set<std::string> open = WrittenFiles(daemon);
+    for (const auto& file : wanted.files) {
+        if (open.count(CanonicalPath(file.path)) != 0) {
+            findings.Warn(file.place.key,
+                          "the daemon writes this file itself, and has a log statement with the "
+                          "flag catchall: lines may come around again, without end",
+                          "leave the file out, or take that flag away");
+        }
     }
 }
 
@@ -207,15 +226,15 @@ void JudgeHost(const Json::Value& document, const SyslogDaemon& daemon, Findings
         findings.Fail(kFiles, "neither rsyslog nor syslog-ng runs: nothing is forwarded",
                       "start one of them");
     } else if (daemon.kind == DaemonKind::kRsyslog) {
-        JudgeRsyslog(findings);
+        const RsyslogRules rules = RsyslogRules::Read(kRsyslogConf);
+        JudgeRsyslog(rules, findings);
+        JudgeReturns(wanted, rules, daemon, findings);
     } else {
         JudgeSyslogng(findings);
+        JudgeCatchAll(wanted, daemon, findings);
     }
     for (const auto& file : wanted.files) {
         JudgeFile(file, daemon.kind, findings);
-    }
-    if (daemon.kind != DaemonKind::kNone) {
-        JudgeReturns(wanted, daemon, findings);
     }
     JudgeNames(wanted.servers, findings);
 }

@@ -18,8 +18,8 @@ constexpr std::size_t kLineSize = 1024;
 
 using Stream = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
 
-Stream OpenConf() {
-    return {SDK::FileUtils::OpenStream(kRsyslogConf), &std::fclose};
+Stream Open(const std::string& conf) {
+    return {SDK::FileUtils::OpenStream(conf), &std::fclose};
 }
 
 // The next line that includes others, from behind its directive; null when there is none. `line` is
@@ -59,7 +59,7 @@ bool ScanDirectory(const char* text, char* out, std::size_t size) {
 }  // namespace
 
 Include FindIncludeDirectory(char* out, int size) {
-    const Stream conf = OpenConf();
+    const Stream conf = Open(kRsyslogConf);
     if (conf == nullptr) {
         return Include::kUnreadable;
     }
@@ -71,12 +71,12 @@ Include FindIncludeDirectory(char* out, int size) {
     return ScanDirectory(include, out, line.size()) ? Include::kFound : Include::kEmpty;
 }
 
-std::vector<std::string> FindIncludeDirectories() {
+std::vector<std::string> FindIncludeDirectories(const std::string& conf) {
     std::vector<std::string> directories;
-    const Stream conf = OpenConf();
+    const Stream stream = Open(conf);
     std::vector<char> line(kLineSize);
-    while (conf != nullptr) {
-        const char* include = FindInclude(conf.get(), line);
+    while (stream != nullptr) {
+        const char* include = FindInclude(stream.get(), line);
         if (include == nullptr) {
             break;
         }

@@ -21,7 +21,7 @@ enum class Include {
 // is.
 Include FindIncludeDirectory(char* out, int size);
 
-// The same of every include line, each once.
-std::vector<std::string> FindIncludeDirectories();
+// The same of every include line of a configuration, each once.
+std::vector<std::string> FindIncludeDirectories(const std::string& conf = kRsyslogConf);
 
 }  // namespace Engine

@@ -106,7 +106,8 @@ void RsyslogTask::RunSyslogConf() {
 
 void RsyslogTask::MaintainForwarding() {
     CheckSyslogRunning();
-    ForwardingHealth::Instance().Saw(ChosenDaemon());
+    ForwardingHealth::Instance().Saw(
+        ChosenDaemon(), !rsyslog_policy.log_path.empty() && !rsyslog_policy.server.empty());
     if (ChosenDaemon() == DaemonKind::kNone) {
         SendDaemonAlarm(kNoDaemon);
         return;
@@ -116,21 +117,16 @@ void RsyslogTask::MaintainForwarding() {
     if (!rsyslog_policy.need_rewrite) {
         return;
     }
-    const auto stopping = [this] { return isCancelled(); };
-    // Before anything is written: what a stop prevents is prevented as a whole.
-    if (!AwaitRestartTurn(stopping)) {
+    char include_dir[kIncludePathSize] = {};
+    if (rsyslog_policy.is_rsyslog && !GetIncludeConfigPath(include_dir, kIncludePathSize)) {
+        SendDaemonAlarm(kNoIncludeDirectory);
         return;
     }
-    if (!rsyslog_policy.is_rsyslog) {
-        SyslogServiceManage();
-    } else {
-        char include_dir[kIncludePathSize] = {};
-        if (GetIncludeConfigPath(include_dir, kIncludePathSize)) {
-            RsyslogConfRewrite(include_dir);
-        } else {
-            SendDaemonAlarm(kNoIncludeDirectory);
-        }
+    // Before anything is written: what a stop prevents is prevented as a whole.
+    if (!AwaitRestartTurn([this] { return isCancelled(); })) {
+        return;
     }
+    rsyslog_policy.is_rsyslog ? RsyslogConfRewrite(include_dir) : SyslogServiceManage();
     ConfirmForwarding();
 }
 

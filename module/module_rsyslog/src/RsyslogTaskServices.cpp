@@ -44,14 +44,12 @@ void RsyslogTask::Restart(std::list<std::string> commands) {
         const Outcome outcome = RunCommand(
             "umask 022; " + line, [this] { return isCancelled(); }, status);
         NoteRestart();
-        if (outcome == Outcome::kDone) {
-            restarted = true;
-            if (status == 0) {
-                Framework::Log().information("the daemon was restarted: " + line);
-            } else {
-                Framework::Log().warning("[" + line + "] ended with exit status " +
-                                         std::to_string(status));
-            }
+        restarted = outcome != Outcome::kStopped;
+        if (outcome == Outcome::kDone && status == 0) {
+            Framework::Log().information("the daemon was restarted: " + line);
+        } else if (outcome == Outcome::kDone) {
+            Framework::Log().warning("[" + line + "] ended with exit status " +
+                                     std::to_string(status));
         }
         if (outcome != Outcome::kFailed) {
             return;
@@ -85,19 +83,25 @@ void RsyslogTask::ConfirmForwarding() {
         }
         runs = FindDaemon().kind == kind;
     }
-    const Framework::Verdict verdict = AskDaemon(kind, stopping);
-    ForwardingHealth::Instance().Judged(verdict);
+    std::string faults;
+    for (const Framework::Verdict& verdict : AskDaemon(kind, stopping)) {
+        if (verdict.asked && !verdict.accepted) {
+            faults += verdict.command + " says: " + verdict.words;
+        }
+    }
+    boost::trim(faults);
+    ForwardingHealth::Instance().Judged(faults);
     if (stopping()) {
         return;
     }
-    const std::string says =
-        "; " + verdict.command + " says: " +
-        (verdict.words.empty() ? "nothing, see the journal for what its start has said"
-                               : boost::trim_copy(verdict.words));
     if (!runs) {
-        Framework::Log().error(name + " does not run after its restart" + says);
-    } else if (verdict.asked && !verdict.accepted) {
-        Framework::Log().error(name + " finds fault with its configuration" + says);
+        Framework::Log().error(
+            name + " does not run after its restart; " +
+            (faults.empty() ? "it finds no fault with its configuration, see the journal for what "
+                              "its start has said"
+                            : faults));
+    } else if (!faults.empty()) {
+        Framework::Log().error(name + " finds fault with its configuration; " + faults);
     }
     for (const path_port& entry : rsyslog_policy.log_path) {
         if (runs && !entry.servers.empty()) {

@@ -1,7 +1,5 @@
 #include "module/module_rsyslog/src/SyslogDaemon.h"
 
-#include <Poco/TemporaryFile.h>
-
 #include <algorithm>
 #include <boost/algorithm/string/predicate.hpp>
 #include <boost/algorithm/string/replace.hpp>
@@ -17,6 +15,7 @@
 #include "module/module_procs/src/ProcsFullTask.h"
 #include "module/module_rsyslog/src/RsyslogInclude.h"
 #include "module/module_rsyslog/src/RsyslogWait.h"
+#include "sdk/PrivateFolder.h"
 
 namespace Engine {
 
@@ -33,8 +32,9 @@ const char* const kAskAppArmor = "apparmor_parser -Q -K /etc/apparmor.d/sbin.sys
 // What the daemons live by may not be in the agent's path.
 const char* const kPath = "PATH=$PATH:/usr/sbin:/sbin; export PATH; ";
 
-const char* CommandOf(DaemonKind kind) {
-    return kind == DaemonKind::kRsyslog ? kAskRsyslog : kAskSyslogng;
+std::vector<const char*> CommandsOf(DaemonKind kind) {
+    return kind == DaemonKind::kRsyslog ? std::vector<const char*>{kAskRsyslog}
+                                        : std::vector<const char*>{kAskSyslogng, kAskAppArmor};
 }
 
 // What a daemon says to every configuration, or of our part of it without harm: each is the pieces
@@ -44,6 +44,7 @@ const std::vector<std::string> kUsualWords[] = {
     {"'statefile' deprecated but accepted"},
     {"module 'imfile' already in this config"},  // the files are read all the same
     {kRsyslogIncludeFile, "'PollingInterval' not known"},
+    {"imfile: no working or state file directory set"},
     {"capability management disabled"},
     {"Cache read/write disabled"},  // AppArmor's compiler, where the kernel has none
 };
@@ -59,7 +60,8 @@ std::string OwnWords(const std::string& output) {
                     return boost::icontains(line, piece);
                 });
             });
-        if (!usual && line.find_first_not_of(" \t") != std::string::npos) {
+        if (!usual && line.find_first_not_of(" \t") != std::string::npos &&
+            words.find(line) == std::string::npos) {
             words += line + "\n";
         }
     }
@@ -144,12 +146,18 @@ SyslogDaemon FindDaemon() {
         // As in RsyslogTask::CheckSyslogRunning.
         static_cast<ProcsFullTask*>(task.get())->GetProcsMap(processes);
     }
+    SyslogDaemon daemon;
     for (const auto& [pid, process] : processes) {
-        if (const DaemonKind kind = KindOf(process->name); kind != DaemonKind::kNone) {
-            return {kind, pid, process->name};
+        const DaemonKind kind = KindOf(process->name);
+        if (daemon.kind == DaemonKind::kNone && kind != DaemonKind::kNone) {
+            daemon.kind = kind;
+            daemon.process = pid;
+        }
+        if (kind == daemon.kind && kind != DaemonKind::kNone) {
+            daemon.processes.push_back(pid);
         }
     }
-    return {};
+    return daemon;
 }
 
 std::int64_t SyslogDaemon::Started() const {
@@ -176,25 +184,31 @@ std::int64_t SinceBoot() {
     return static_cast<std::int64_t>(now.tv_sec) * 10 + now.tv_nsec / 100'000'000;
 }
 
-Framework::Verdict AskDaemon(DaemonKind kind, const std::function<bool()>& stopping) {
-    Framework::Verdict verdict;
-    verdict.command = CommandOf(kind);
-    int status = 0;
-    std::string output;
-    verdict.asked = RunCommand(kPath + verdict.command, stopping, status, output) == Outcome::kDone;
-    verdict.words = OwnWords(output);
-    verdict.accepted = verdict.asked && (status == 0 || verdict.words.empty());
-    return verdict;
+std::vector<Framework::Verdict> AskDaemon(DaemonKind kind, const std::function<bool()>& stopping) {
+    constexpr int kNoSuchCommand = 127;
+    std::vector<Framework::Verdict> verdicts;
+    for (const char* command : CommandsOf(kind)) {
+        Framework::Verdict verdict;
+        verdict.command = command;
+        int status = 0;
+        std::string output;
+        verdict.asked =
+            RunCommand(kPath + verdict.command, stopping, status, output) == Outcome::kDone &&
+            status != kNoSuchCommand;
+        verdict.words = OwnWords(output);
+        verdict.accepted = verdict.asked && (status == 0 || verdict.words.empty());
+        verdicts.push_back(verdict);
+    }
+    return verdicts;
 }
 
 std::vector<Framework::Verdict> AskAbout(DaemonKind kind,
                                          const std::vector<Framework::FileChange>& changes) {
-    Poco::TemporaryFile folder;
-    folder.createDirectories();
-    const std::string put_in_place = PutInPlace(changes, folder.path());
-    std::vector<Framework::Verdict> verdicts = {Try(CommandOf(kind), put_in_place)};
-    if (kind == DaemonKind::kSyslogng) {
-        verdicts.push_back(Try(kAskAppArmor, put_in_place));
+    const SDK::PrivateFolder folder;
+    const std::string put_in_place = PutInPlace(changes, folder.Path());
+    std::vector<Framework::Verdict> verdicts;
+    for (const char* command : CommandsOf(kind)) {
+        verdicts.push_back(Try(command, put_in_place));
     }
     return verdicts;
 }

@@ -25,7 +25,7 @@ DaemonKind KindOf(const std::string& process_name);
 struct SyslogDaemon {
     DaemonKind kind = DaemonKind::kNone;
     int process = 0;
-    std::string name;
+    std::vector<int> processes;  // all of that kind, it among them
 
     // Tenths of a second from the system's boot to the start of the process, whatever becomes of
     // the clock; -1 when it is gone.
@@ -38,11 +38,12 @@ SyslogDaemon FindDaemon();
 // Tenths of a second since the system's boot.
 std::int64_t SinceBoot();
 
-// What the daemon says of its configuration as it stands. Waits for the answer, a minute at most; a
-// stop ends that, and it then counts as not asked.
-Framework::Verdict AskDaemon(DaemonKind kind, const std::function<bool()>& stopping);
+// What the daemon says of its configuration as it stands, and AppArmor's compiler of the profile of
+// syslog-ng. Waits for each answer, a minute at most; a stop ends that, and it then counts as not
+// asked.
+std::vector<Framework::Verdict> AskDaemon(DaemonKind kind, const std::function<bool()>& stopping);
 
-// The same, and for syslog-ng also of its AppArmor profile, once `changes` were made: they are in
+// The same, once `changes` were made: they are in
 // place for the programs asked and nobody else. Needs the right to have mounts of one's own, as
 // root or as anybody whom the system allows a user namespace.
 std::vector<Framework::Verdict> AskAbout(DaemonKind kind,

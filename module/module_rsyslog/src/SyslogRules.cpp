@@ -8,6 +8,7 @@
 #include <boost/algorithm/string/case_conv.hpp>
 #include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/predicate.hpp>
+#include <boost/algorithm/string/replace.hpp>
 #include <boost/algorithm/string/split.hpp>
 #include <boost/algorithm/string/trim.hpp>
 #include <cctype>
@@ -199,6 +200,8 @@ Mask Selected(const std::string& selector) {
 class Reader {
 public:
     RsyslogRules Read(const std::string& conf) {
+        const auto directories = FindIncludeDirectories(conf);
+        own_ = (directories.empty() ? "" : directories.front()) + kRsyslogIncludeFile;
         File(conf, 0);
         if (calls_) {
             for (const Ruleset& ruleset : rulesets_) {
@@ -212,7 +215,8 @@ public:
 private:
     void File(const std::string& path, int depth) {
         std::string text;
-        if (fs::path(path).filename() == kRsyslogIncludeFile) {
+        if (path == own_) {
+            rules_.reads_own = true;
             rules_.stopped_before = stops_;
             return;
         }
@@ -222,7 +226,11 @@ private:
         }
         for (const Statement& statement : Splitter(text).Split()) {
             place_ = {path, statement.line, statement.text.substr(0, kMaxText)};
-            Take(statement.text, depth);
+            std::string text_now = statement.text;
+            for (const char* word : {"action", "include", "module", "ruleset", "input"}) {
+                boost::replace_all(text_now, std::string(word) + " (", std::string(word) + "(");
+            }
+            Take(text_now, depth);
         }
     }
 
@@ -251,10 +259,9 @@ private:
             paths.insert(found.gl_pathv, found.gl_pathv + found.gl_pathc);
         }
         globfree(&found);
-        // The agent's own stands there once it is written.
-        const std::string own = fs::path(all).parent_path() / kRsyslogIncludeFile;
-        if (fnmatch(all.c_str(), own.c_str(), FNM_PATHNAME) == 0) {
-            paths.insert(own);
+        // Once it is written, the agent's own stands there.
+        if (fnmatch(all.c_str(), own_.c_str(), FNM_PATHNAME) == 0) {
+            paths.insert(own_);
         }
         for (const auto& path : paths) {
             File(path, depth + 1);
@@ -328,6 +335,8 @@ private:
             const std::size_t start = boost::starts_with(line, "-") ? 1 : 0;
             if (line.compare(start, 1, "/") == 0) {
                 Writes(line.substr(start, line.find_first_of("; \t", start) - start), filter);
+            } else if (boost::starts_with(line, ":omfile:/")) {
+                Writes(line.substr(8, line.find_first_of("; \t") - 8), filter);
             } else if (line.compare(0, 2, "|/") == 0) {
                 Writes(line.substr(1, line.find_first_of("; \t") - 1), filter);
             } else if (line == "~" || line == "stop" || boost::starts_with(line, "stop ") ||
@@ -373,6 +382,7 @@ private:
     }
 
     RsyslogRules rules_;
+    std::string own_;
     ConfPlace place_;
     Mask filter_ = All(Takes::kNo);   // of the rule before, which "&" goes on with
     Mask alive_ = All(Takes::kYes);   // what no rule has stopped
@@ -496,7 +506,8 @@ bool HasCatchAll(const std::string& conf) {
         const auto statements = Splitter(text).Split();
         return std::any_of(statements.begin(), statements.end(), [](const Statement& statement) {
             return boost::contains(statement.text, "catchall") ||
-                   boost::contains(statement.text, "catch-all");
+                   boost::contains(statement.text, "catch-all") ||
+                   boost::contains(statement.text, "catch_all");
         });
     });
 }

@@ -30,6 +30,7 @@ struct FileRule {
 struct RsyslogRules {
     std::vector<FileRule> files;  // in the order in which a message meets them
     std::vector<ConfPlace> imfile_loads;
+    bool reads_own = false;  // the file that the agent writes is among those included
     // For local0 to local7: where the message is stopped, or may be, before it is forwarded; a line
     // of 0 where it is not.
     std::array<ConfPlace, 8> stopped_before;
@@ -60,7 +61,8 @@ std::set<std::string> FilesWrittenBy(int process);
 // The path that a file goes by, links resolved as far as it exists.
 std::string CanonicalPath(const std::string& path);
 
-// Whether some of syslog-ng's log statements takes messages of every source.
+// Whether one of syslog-ng's log statements, in its configuration or in conf.d beside it, takes
+// messages of every source.
 bool HasCatchAll(const std::string& conf);
 
 }  // namespace Engine

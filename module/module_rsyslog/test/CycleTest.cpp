@@ -245,7 +245,7 @@ TEST(ForwardingHealth, IsThatOfTheDaemonUnderWhatWasWrittenLast) {
             << conditions.front().text;
     };
     EXPECT_TRUE(health.Conditions().empty());
-    health.Saw(Engine::DaemonKind::kRsyslog);
+    health.Saw(Engine::DaemonKind::kRsyslog, true);
     becomes(false, "does not run");
     const std::string path = "/run/written.conf";
     TestSupport::WriteText("/run/r.conf", "*.* /run/r.log\n");
@@ -261,6 +261,8 @@ TEST(ForwardingHealth, IsThatOfTheDaemonUnderWhatWasWrittenLast) {
     };
     start();
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    health.Judged("");
+    becomes(false, "has not been told what the policy forwards");
     TestSupport::WriteText(path, "1");
     health.Wrote(path);
     becomes(false, "has not been restarted since /run/written.conf was written");
@@ -268,9 +270,9 @@ TEST(ForwardingHealth, IsThatOfTheDaemonUnderWhatWasWrittenLast) {
     becomes(false, "does not run");
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     start();
-    health.Judged({"rsyslogd -N1", true, true, ""});
+    health.Judged("");
     becomes(true, "holds the configuration");
-    health.Judged({"rsyslogd -N1", true, false, "bad words"});
+    health.Judged("bad words");
     becomes(false, "finds fault with its configuration: bad words");
     health.Wrote(path);
     TestSupport::WriteText(path, "2 by somebody else");

@@ -77,8 +77,10 @@ TEST(Judge, IsBoundedWhateverTheDocumentHolds) {
         Judged(R"({"module_name":"rsyslog_module","feature_name":"rsyslog_feature",)" + unknown +
                R"("content":{"log_path":["/a\nb:1"]}})");
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
-    ASSERT_EQ(101U, found.size());
-    EXPECT_EQ(0U, found.back().find("refused content.log_path[0]: holds a control character"));
+    EXPECT_EQ(102U, found.size());
+    EXPECT_EQ(1, std::count_if(found.begin(), found.end(), [](const std::string& line) {
+                  return line.find("refused content.log_path[0]: holds a control") == 0;
+              }));
 }
 
 }  // namespace

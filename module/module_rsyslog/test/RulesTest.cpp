@@ -60,6 +60,7 @@ TEST(Rules, AreReadAsTheDaemonDoes) {
          "|/c\n",
          "/c yes@6 /a perhaps@1 /b no@1"},
         {"/* *.* /a\n*/ *.* /b # c\n!prog\n*.* /d\n!*\n*.* /e\n", "/b yes@2 /d yes@4 /e yes@6"},
+        {"*.* action (type=\"omfile\" file=\"/a\")\n*.* :omfile:/b;tpl\n", "/a yes@1 /b yes@2"},
         {"*.* @server\n*.* |pipe\n*.emerg :omusrmsg:*\n*.* root\n*.* ?dyna\n$FileOwner /x\n", ""},
         {"$Include /x\n*.\n.\n;\n*.* \n\"\n(((\n*.* /a\n", "/a no@7"},
     };
