@@ -169,6 +169,7 @@ State Engine::GetState() {
         for (const auto& [key, refused] : refused_) {
             state.refused.push_back(refused);
         }
+        state.deliveries = deliveries_;
     }
     for (const auto& task : tasks) {
         state.tasks.push_back(task->GetStatus());
@@ -181,6 +182,7 @@ State Engine::GetState() {
         }
         std::vector<Condition> conditions;
         try {
+            state.figures.push_back({name, module->GetFigures()});
             conditions = module->Conditions();
         } catch (...) {
             conditions = {{name, false, DescribeException()}};
@@ -205,6 +207,10 @@ void Engine::DeliverPolicy(const std::string& type, const std::string& key,
             why = DescribeException();
             LogException({"policy ", key, " not taken by module ", module->name()});
         }
+    }
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        ++(accepted ? deliveries_.accepted : deliveries_.refused);
     }
     if (accepted) {
         ForgetPolicy(key);

@@ -51,8 +51,8 @@ public:
     void LoadModules(const std::string& directory, bool initialise = true);
     // Those loaded, in that order. Any thread.
     std::vector<Poco::AutoPtr<Module>> Modules();
-    // How the agent fares. What a module throws about its conditions is a condition that is not
-    // good. Any thread.
+    // How the agent fares. What a module throws about its conditions or figures is a condition that
+    // is not good. Any thread.
     State GetState();
 
     // Hands a document to each module with a callback for `type`, for the next EnforcePolicies to
@@ -82,6 +82,7 @@ private:
     std::map<std::string, std::shared_ptr<TaskThread>> tasks_;
     std::set<std::string> unknown_receivers_;
     std::map<std::string, RefusedPolicy> refused_;
+    Deliveries deliveries_;
 };
 
 }  // namespace Framework

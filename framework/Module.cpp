@@ -49,6 +49,10 @@ std::vector<Condition> Module::Conditions() {
     return {};
 }
 
+Figures Module::GetFigures() {
+    return {};
+}
+
 HostChange Module::Restore(bool /*planned_only*/) {
     return {};
 }

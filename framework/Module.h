@@ -53,6 +53,8 @@ public:
     virtual HostChange PreviewPolicy(const std::string& type, const std::string& text);
     // How the host fares with what the policy in force wants of it. Any thread.
     virtual std::vector<Condition> Conditions();
+    // What it has counted, and when what it does last went well. Any thread.
+    virtual Figures GetFigures();
     // Takes back what policies have made of the host's configuration, or, planned only, tells what
     // that would be. No task runs meanwhile. What fails throws Poco::Exception.
     virtual HostChange Restore(bool planned_only);

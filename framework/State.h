@@ -2,8 +2,12 @@
 
 #include <Poco/Timestamp.h>
 
+#include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -13,6 +17,19 @@
 // How the running agent fares, as it was at one moment. A time of 0 is none.
 namespace Framework {
 
+// How long cycles took: how many up to each bound, and behind these how many longer ones.
+struct CycleCounts {
+    static constexpr std::array<double, 7> kBounds{0.001, 0.01, 0.1, 1, 10, 60, 600};  // seconds
+    std::array<std::uint64_t, kBounds.size() + 1> counts{};
+    std::chrono::duration<double> sum{0};
+
+    void Add(std::chrono::duration<double> lasted) {
+        const auto bound = std::lower_bound(kBounds.begin(), kBounds.end(), lasted.count());
+        ++counts[static_cast<std::size_t>(bound - kBounds.begin())];
+        sum += lasted;
+    }
+};
+
 // A task, its cycles and the queue of messages that wait for it.
 struct TaskStatus {
     std::string name;
@@ -21,6 +38,7 @@ struct TaskStatus {
     Poco::Timestamp began{0};             // the last cycle
     std::chrono::milliseconds lasted{0};  // that cycle, so far when it is running
     Poco::Timestamp due{0};               // the next cycle; when one is running, that one
+    CycleCounts cycles;                   // those that have ended
     std::size_t waiting_messages = 0;
     std::size_t waiting_bytes = 0;
 };
@@ -49,11 +67,30 @@ struct ModuleCondition {
     Condition condition;
 };
 
+// Documents handed to the modules so far, by what became of them.
+struct Deliveries {
+    std::uint64_t accepted = 0;
+    std::uint64_t refused = 0;
+};
+
+// What a module tells of its work, each under a name of the module's choice.
+struct Figures {
+    std::map<std::string, std::uint64_t> events;       // how often, since the agent's start
+    std::map<std::string, Poco::Timestamp> successes;  // of what it is to do: when last, 0 not yet
+};
+
+struct ModuleFigures {
+    std::string module;
+    Figures figures;
+};
+
 struct State {
     std::vector<TaskStatus> tasks;
     std::vector<PolicyState> policies;
     std::vector<RefusedPolicy> refused;
     std::vector<ModuleCondition> conditions;
+    Deliveries deliveries;
+    std::vector<ModuleFigures> figures;
 };
 
 }  // namespace Framework

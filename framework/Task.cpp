@@ -81,6 +81,7 @@ Task::Clock::time_point Task::RunCycle(Clock::time_point due) {
     const std::lock_guard<std::mutex> lock(state_mutex_);
     cycle_.running = false;
     cycle_.end = now;
+    cycles_.Add(now - cycle_.start);
     cycle_.due = due + period_ * ((now - due) / period_ + 1);
     return cycle_.due;
 }
@@ -93,6 +94,7 @@ TaskStatus Task::GetStatus() const {
     std::tie(state.waiting_messages, state.waiting_bytes) = queue_.Waiting();
     const std::lock_guard<std::mutex> lock(state_mutex_);
     const Clock::time_point now = Clock::now();
+    state.cycles = cycles_;
     state.running = cycle_.running;
     state.began = cycle_.began;
     state.lasted = duration_cast<std::chrono::milliseconds>((cycle_.running ? now : cycle_.end) -

@@ -95,6 +95,7 @@ private:
     std::atomic<bool> initialised_{false};
     mutable std::mutex state_mutex_;  // guards what follows
     Cycle cycle_;
+    CycleCounts cycles_;
 };
 
 }  // namespace Framework

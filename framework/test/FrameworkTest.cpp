@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <future>
+#include <numeric>
 #include <stdexcept>
 
 #include "framework/Engine.h"
@@ -125,6 +126,15 @@ TEST(Task, QueueHoldsSendersBackKeepsOrderAndLosesNothing) {
     }
 }
 
+TEST(CycleCounts, CountsACycleUnderTheFirstBoundThatItDoesNotExceed) {
+    Framework::CycleCounts cycles;
+    for (const double lasted : {0.0, 0.001, 0.0011, 0.5, 1.0, 600.0, 601.0}) {
+        cycles.Add(std::chrono::duration<double>(lasted));
+    }
+    EXPECT_EQ((std::array<std::uint64_t, 8>{2, 1, 0, 2, 0, 0, 1, 1}), cycles.counts);
+    EXPECT_NEAR(1202.5021, cycles.sum.count(), 1e-6);
+}
+
 TEST(Task, RunsOnceAPeriodWithoutCatchingUpWhateverMessagesAndFaultsCome) {
     const LogCapture log("watchpost");
     // A name that no test before this one has used up.
@@ -161,6 +171,10 @@ TEST(Task, RunsOnceAPeriodWithoutCatchingUpWhateverMessagesAndFaultsCome) {
     EXPECT_LT(Poco::Timestamp() - status.began, 30'000'000);
     EXPECT_LT(status.began, status.due);
     EXPECT_LT(status.due - status.began, 1'100'000);
+    const auto& counts = status.cycles.counts;
+    EXPECT_LE(4U, std::accumulate(counts.begin(), counts.end(), 0U));
+    EXPECT_LE(1U, counts[4]) << "the one of more than a second";
+    EXPECT_LT(2.1, status.cycles.sum.count());
     engine.StopTask("busy");
     // However late a run is, the n-th one after the long cycle has n - 1 whole periods before it.
     for (std::size_t i = 1; i < starts.size(); ++i) {
@@ -324,6 +338,7 @@ TEST(Modules, BadOnesAreOneErrorLineEachAndTheSoundOneWorks) {
     }
     EXPECT_EQ(6, log.Errors());
     EXPECT_EQ(1, log.Holding("others than its owner may write it (mode 0757)"));
+    const std::uint64_t refused_before = engine.GetState().deliveries.refused;
     engine.DeliverPolicy("10001", "good.json", "document");
     engine.EnforcePolicies();
     // Its callback gives no policy.
@@ -338,6 +353,7 @@ TEST(Modules, BadOnesAreOneErrorLineEachAndTheSoundOneWorks) {
     engine.ForgetPolicy("good.json");
     engine.DeliverPolicy("10002", "other.json", "document");
     EXPECT_EQ("other.json: no module takes policies of its type;", refused());
+    EXPECT_EQ(refused_before + 2, engine.GetState().deliveries.refused);
     engine.StopModules();
     // The module that failed had started its task; that one has ended, too.
     std::string texts;

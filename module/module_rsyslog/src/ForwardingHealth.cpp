@@ -67,6 +67,13 @@ bool ForwardingHealth::Holds(std::string& why_not) const {
     return why_not.empty();
 }
 
+bool ForwardingHealth::Forwards() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    Look();
+    std::string why_not;
+    return started_ >= 0 && !path_.empty() && Holds(why_not);
+}
+
 std::vector<Framework::Condition> ForwardingHealth::Conditions() {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (!known_) {

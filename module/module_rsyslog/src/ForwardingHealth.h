@@ -26,6 +26,8 @@ public:
     // No task looks after the forwarding any more.
     void Forget();
 
+    // The daemon runs under what the agent has written for it.
+    bool Forwards();
     // Nothing before the first full pass. Looks for the daemon's process again, once in ten seconds
     // at most, when the one known is gone.
     std::vector<Framework::Condition> Conditions();

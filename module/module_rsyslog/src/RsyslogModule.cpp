@@ -11,6 +11,7 @@
 #include "module/module_rsyslog/src/RsyslogLog.h"
 #include "module/module_rsyslog/src/RsyslogPolicy.h"
 #include "module/module_rsyslog/src/RsyslogTask.h"
+#include "module/module_rsyslog/src/WorkRecord.h"
 #include "sdk/JsonUtils.h"
 
 namespace Engine {
@@ -116,6 +117,10 @@ Framework::HostChange RsyslogModule::PreviewPolicy(const std::string& type,
 
 std::vector<Framework::Condition> RsyslogModule::Conditions() {
     return ForwardingHealth::Instance().Conditions();
+}
+
+Framework::Figures RsyslogModule::GetFigures() {
+    return WorkRecord::Instance().Get();
 }
 
 Framework::HostChange RsyslogModule::Restore(bool planned_only) {

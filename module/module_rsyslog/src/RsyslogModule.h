@@ -20,6 +20,7 @@ public:
                      std::vector<Framework::Finding>& findings) override;
     Framework::HostChange PreviewPolicy(const std::string& type, const std::string& text) override;
     std::vector<Framework::Condition> Conditions() override;
+    Framework::Figures GetFigures() override;
     Framework::HostChange Restore(bool planned_only) override;
 
 protected:

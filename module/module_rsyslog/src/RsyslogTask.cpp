@@ -16,6 +16,7 @@
 #include "module/module_rsyslog/src/RsyslogThrottle.h"
 #include "module/module_rsyslog/src/RsyslogWait.h"
 #include "module/module_rsyslog/src/SyslogDaemon.h"
+#include "module/module_rsyslog/src/WorkRecord.h"
 #include "sdk/BoundedString.h"
 #include "sdk/JsonUtils.h"
 #include "sdk/StringUtils.h"
@@ -66,6 +67,9 @@ int RsyslogTask::Init() {
         return 0;
     }
     rsyslog_policy = policy->Settings();
+    WorkRecord::Instance().Begin({{kForwarding, !rsyslog_policy.log_path.empty()},
+                                  {kHistory, rsyslog_policy.get_history},
+                                  {kLogins, rsyslog_policy.get_lastlog}});
     return Framework::Task::Init();
 }
 
@@ -78,18 +82,24 @@ int RsyslogTask::Run() {
 void RsyslogTask::UnInit() {
     RSYSLOG_LOG(PRIO_DEBUG, "UnInit  rsyslog task");
     ForwardingHealth::Instance().Forget();
+    WorkRecord::Instance().Begin({});
     Framework::Task::UnInit();
 }
 
 void RsyslogTask::RunSyslogConf() {
     if (rsyslog_policy.get_history) {
+        history_whole = true;
         // Each for itself: the second frees the memory that the first one may lack.
         for (const auto step : {&RsyslogTask::BuildHistoryLog, &RsyslogTask::CheckHistoryReport}) {
             try {
                 (this->*step)();
             } catch (const std::exception& e) {
                 RSYSLOG_LOG(PRIO_ERROR, "shell history cut short: %s", std::string(e.what()));
+                CutHistory();
             }
+        }
+        if (history_whole && state() != TASK_CANCELLING) {
+            WorkRecord::Instance().Succeeded(kHistory);
         }
     }
     const bool light = cycle_count >= 1 && cycle_count < kFullPassCycles;
@@ -98,6 +108,9 @@ void RsyslogTask::RunSyslogConf() {
     } else {
         cycle_count = 1;
         MaintainForwarding();
+        if (ForwardingHealth::Instance().Forwards()) {
+            WorkRecord::Instance().Succeeded(kForwarding);
+        }
     }
     if (rsyslog_policy.get_lastlog && cycle_count % 2 == 0) {
         BuildLastInfo();

@@ -297,6 +297,8 @@ private:
     // file.
     template <typename Step>
     void Shielded(const std::string& path, Step step);
+    // Notes that a cycle has lost commands or put them off.
+    void CutHistory();
     // A user's turn with the history file, and the parsing of what is left over from the last one.
     void ReadCommands(std::list<user_info>::iterator user, const char* host_name,
                       const std::string& time);
@@ -334,6 +336,8 @@ private:
     std::map<std::string, SDK::FileStamp> failed_files;  // by path, as they were
     SDK::ReadMark passwd_read;
     SDK::ReadMark logins_read;     // of the last pass that reached the file's end
+    bool logins_whole = false;     // the last pass did, or knew nothing was new
+    bool history_whole = false;    // nothing was cut in this cycle
     std::size_t parsed_lines = 0;  // how many lines ParseHistoryLog was through with
 };
 

@@ -188,6 +188,7 @@ std::string RsyslogTask::ReportQueued(std::size_t count, const std::string& host
             }
             RSYSLOG_LOG(PRIO_ERROR, "commands lost: %d, to be reported later: %?d: %s",
                         text.empty() ? 1 : 0, history_list.size(), std::string(e.what()));
+            CutHistory();
             break;
         }
     }
@@ -238,6 +239,7 @@ std::size_t RsyslogTask::PaceHistory() {
         } catch (const std::bad_alloc&) {
             RSYSLOG_LOG(PRIO_ERROR, "out of memory, commands to be reported later: %?d",
                         history_list.size() - paced);
+            CutHistory();
             break;
         }
     }

@@ -17,6 +17,7 @@
 #include "module/module_rsyslog/src/RsyslogLog.h"
 #include "module/module_rsyslog/src/RsyslogTask.h"
 #include "module/module_rsyslog/src/RsyslogThrottle.h"
+#include "module/module_rsyslog/src/WorkRecord.h"
 #include "sdk/FileUtils.h"
 #include "sdk/StringUtils.h"
 
@@ -338,6 +339,7 @@ void RsyslogTask::Shielded(const std::string& path, Step step) {
         RSYSLOG_LOG(PRIO_ERROR, "%s is passed over until it changes: %s", path,
                     std::string(e.what()));
         failed_files[path] = SDK::FileStamp::Of(path.c_str());
+        CutHistory();
     }
 }
 
@@ -367,9 +369,15 @@ void RsyslogTask::ReadCommands(std::list<user_info>::iterator user, const char* 
                     lines.begin() + static_cast<std::ptrdiff_t>(parsed_lines + given_up));
         RSYSLOG_LOG(PRIO_ERROR, "%s: lines lost: %?d, to be parsed in the next cycle: %?d: %s",
                     user->history_path, given_up, lines.size(), std::string(e.what()));
+        CutHistory();
         return;
     }
     std::vector<std::string>().swap(lines);
+}
+
+void RsyslogTask::CutHistory() {
+    history_whole = false;
+    WorkRecord::Instance().Count(kHistoryCut);
 }
 
 void RsyslogTask::BuildHistoryLog() {

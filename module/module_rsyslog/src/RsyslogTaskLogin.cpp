@@ -15,6 +15,7 @@
 #include "module/module_rsyslog/src/RsyslogLog.h"
 #include "module/module_rsyslog/src/RsyslogTask.h"
 #include "module/module_rsyslog/src/RsyslogThrottle.h"
+#include "module/module_rsyslog/src/WorkRecord.h"
 #include "sdk/BoundedString.h"
 #include "sdk/FileUtils.h"
 #include "sdk/JsonUtils.h"
@@ -125,7 +126,8 @@ void RsyslogTask::UtmpEndutent() {
 void RsyslogTask::ReadLastAllinfo(std::vector<utmp_info>& new_records) {
     new_records.clear();
     const std::string path = PathOfLogins();
-    if (logins_read.Holds(SDK::FileStamp::Of(path.c_str()))) {
+    logins_whole = logins_read.Holds(SDK::FileStamp::Of(path.c_str()));
+    if (logins_whole) {
         return;
     }
     const std::int64_t began = SDK::ReadMark::Now();
@@ -167,6 +169,7 @@ void RsyslogTask::ReadLastAllinfo(std::vector<utmp_info>& new_records) {
         throw;
     }
     UtmpEndutent();
+    logins_whole = whole;
     if (whole) {
         logins_read.Set(before, watch.Stamp(), began);
     }
@@ -276,6 +279,9 @@ void RsyslogTask::BuildLastInfo() {
         RSYSLOG_LOG(PRIO_TRACE, "write last : %s", line);
         SendLastLogInfo(login);
         login.pending = false;
+    }
+    if (logins_whole) {
+        WorkRecord::Instance().Succeeded(kLogins);
     }
 }
 

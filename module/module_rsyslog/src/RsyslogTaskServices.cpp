@@ -10,6 +10,7 @@
 #include "module/module_rsyslog/src/RsyslogLog.h"
 #include "module/module_rsyslog/src/RsyslogTask.h"
 #include "module/module_rsyslog/src/RsyslogWait.h"
+#include "module/module_rsyslog/src/WorkRecord.h"
 
 namespace Engine {
 
@@ -35,6 +36,7 @@ std::string DescribeForwarding(const path_port& entry) {
 }  // namespace
 
 void RsyslogTask::Restart(std::list<std::string> commands) {
+    WorkRecord::Instance().Count(kDaemonRestart);
     // A daemon must not keep the agent's log or sockets open, nor take over its tight umask.
     close_range(3, ~0U, CLOSE_RANGE_CLOEXEC);
     for (; !commands.empty(); commands.pop_front()) {

@@ -13,6 +13,7 @@
 
 #include "module/module_procs/src/ProcsFullTask.h"
 #include "module/module_rsyslog/src/ForwardingHealth.h"
+#include "module/module_rsyslog/src/WorkRecord.h"
 #include "module/module_rsyslog/test/ModuleSupport.h"
 #include "sdk/InnerCpuCtrlUtils.h"
 
@@ -166,6 +167,39 @@ TEST_F(Forwarding, AlarmsOnceForACodeAndHistoryAlarmsOnceInFourHours) {
         ASSERT_NE(task_->alarm_time_map.end(), found) << now;
     }
     EXPECT_LT(task_->alarm_time_map.size(), 3000U);
+}
+
+// What was cut short, or could not be looked at, is no success.
+TEST_F(Forwarding, WorkSucceedsWhenItIsDoneInFullOnly) {
+    running = {"init"};
+    RunningReceiver reports;
+    auto& record = Engine::WorkRecord::Instance();
+    const auto succeeded = [&] {
+        std::string names;
+        for (const auto& [work, time] : record.Get().successes) {
+            names += time > 0 ? work + ";" : "";
+        }
+        return names;
+    };
+    TestSupport::WriteText("/etc/passwd", "");
+    std::filesystem::remove("/var/log/wtmp");
+    task_->rsyslog_policy.get_history = task_->rsyslog_policy.get_lastlog = true;
+    for (const auto& [wanted, with_file, expected] :
+         {std::tuple(true, false, "history;"), std::tuple(true, true, "history;logins;"),
+          std::tuple(false, true, "")}) {
+        record.Begin(
+            {{Engine::kForwarding, wanted}, {Engine::kHistory, wanted}, {Engine::kLogins, wanted}});
+        if (with_file) {
+            TestSupport::WriteText("/var/log/wtmp", "");
+        }
+        task_->Run();
+        task_->Run();
+        EXPECT_EQ(expected, succeeded());
+    }
+    record.Begin({{Engine::kHistory, true}});
+    task_->RequestStop();
+    task_->Run();
+    EXPECT_EQ("", succeeded());
 }
 
 // A cycle in which nothing changed opens no file that it has read.

@@ -16,6 +16,7 @@
 #include <sstream>
 #include <thread>
 
+#include "module/module_rsyslog/src/WorkRecord.h"
 #include "module/module_rsyslog/test/ModuleSupport.h"
 #include "sdk/JsonUtils.h"
 
@@ -23,6 +24,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
+using Engine::WorkRecord;
 using TestSupport::LogCapture;
 using TestSupport::NewTask;
 using TestSupport::OpenTaskPtr;
@@ -731,6 +733,10 @@ private:
     int faults_;
 };
 
+std::uint64_t Cuts() {
+    return WorkRecord::Instance().Get().events[Engine::kHistoryCut];
+}
+
 TEST(Faults, CostNobodyElseHisTurnAndNothingIsSentTwice) {
     for (const std::string stamp : {"", "#1700000000\n"}) {
         for (const int faults : {0, 1, 2}) {
@@ -741,7 +747,10 @@ TEST(Faults, CostNobodyElseHisTurnAndNothingIsSentTwice) {
             OpenTaskPtr task = NewHistoryTask({"eve", "ann"});
             WriteText("/home/eve/.bash_history", "old\n");
             WriteText(kHistory, "old\n");
+            WorkRecord::Instance().Begin({{Engine::kHistory, true}});
+            const std::uint64_t cut_before = Cuts();
             task->Run();
+            EXPECT_TRUE(WorkRecord::Instance().Get().successes[Engine::kHistory] > 0);
             WriteText("/home/eve/.bash_history",
                       "old\n" + stamp + "one\n" + stamp + "bad\n" + stamp + "two\n");
             WriteText(kHistory, "old\nann's\n");
@@ -760,6 +769,7 @@ TEST(Faults, CostNobodyElseHisTurnAndNothingIsSentTwice) {
                             "ann's");
             EXPECT_EQ(expected, reports->received);
             EXPECT_EQ(faults, log.Errors());
+            EXPECT_EQ(static_cast<std::uint64_t>(faults), Cuts() - cut_before);
             Strings recorded = RecordedCommands();
             EXPECT_EQ(stamp.empty() || faults < 2 ? 4U : 3U, recorded.size());
             std::sort(recorded.begin(), recorded.end());
