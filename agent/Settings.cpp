@@ -68,6 +68,7 @@ const Setting kSettings[] = {
     {"log-level", "agent", "LEVEL", &kLevel, "log.level", "information", kLevel.allowed},
     {nullptr, nullptr, nullptr, &kPercent, "cpu.limit.percent", "0", nullptr},
     {nullptr, nullptr, nullptr, &kPath, "status.file", "/run/watchpost/status.json", nullptr},
+    {nullptr, nullptr, nullptr, &kPath, "metrics.file", nullptr, nullptr},
     {"pidfile", "agent", "FILE", &kPath, nullptr, nullptr,
      "file that names the process while it runs"},
     {"daemon", "agent", nullptr, nullptr, nullptr, nullptr, "run in the background"},

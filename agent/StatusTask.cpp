@@ -1,27 +1,21 @@
 #include "agent/StatusTask.h"
 
 #include <Poco/DateTimeFormatter.h>
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <utility>
 
 #include "framework/Engine.h"
-#include "framework/Log.h"
-#include "sdk/Descriptor.h"
 #include "sdk/JsonUtils.h"
 #include "sdk/LoggerUtils.h"
 
 namespace {
 
 constexpr int kPeriodSeconds = 5;
+constexpr mode_t kMode = 0640;
 constexpr std::size_t kQueueCapacity = 1;  // nobody sends it anything
 // What the file may hold, so that it stays small whatever documents and hosts are like.
 constexpr std::size_t kMaxText = 300;
@@ -138,8 +132,7 @@ std::uint64_t ProcessStart(pid_t process) {
 
 StatusTask::StatusTask(const std::string& path, Poco::AutoPtr<ReportTask> report)
     : Framework::Task(kName, "", Framework::TaskCondition::kPeriodic, kQueueCapacity),
-      path_(path),
-      beside_(path + ".new"),
+      file_("status file", path, kMode),
       report_(std::move(report)),
       process_start_(ProcessStart(getpid())) {
     Framework::TaskPolicy policy(kName);
@@ -153,19 +146,12 @@ int StatusTask::Init() {
 }
 
 int StatusTask::Run() {
-    const int error = Write(SDK::JsonUtils::JsonToString(Describe()) + "\n");
-    if (error != 0 && trouble_ == 0) {
-        Framework::Log().error("status file " + path_ +
-                               " cannot be written, trying again: " + std::strerror(error));
-    } else if (error == 0 && trouble_ != 0) {
-        Framework::Log().information("status file " + path_ + " is written again");
-    }
-    trouble_ = error;
+    file_.Write(SDK::JsonUtils::JsonToString(Describe()) + "\n");
     return 0;
 }
 
 void StatusTask::UnInit() {
-    unlink(path_.c_str());
+    file_.Remove();
 }
 
 Json::Value StatusTask::Describe() const {
@@ -194,38 +180,4 @@ Json::Value StatusTask::Describe() const {
     }
     value["conditions"] = List(state.conditions, DescribeCondition);
     return value;
-}
-
-// Neither the disk is waited for, as SDK::FileUtils::WriteFile does, nor an old file kept: what
-// counts is that a reader gets a whole one.
-int StatusTask::Write(const std::string& text) const {
-    SDK::Descriptor file;
-    if (const int error = file.Reset(Create()); error != 0) {
-        return error;
-    }
-    const ssize_t written = write(file.Get(), text.data(), text.size());
-    if (written == static_cast<ssize_t>(text.size()) &&
-        std::rename(beside_.c_str(), path_.c_str()) == 0) {
-        return 0;
-    }
-    const int error = written >= 0 && written < static_cast<ssize_t>(text.size()) ? ENOSPC : errno;
-    unlink(beside_.c_str());
-    return error;
-}
-
-int StatusTask::Create() const {
-    constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC;
-    constexpr mode_t kMode = 0640;
-    constexpr mode_t kDirectoryMode = 0755;
-    int file = open(beside_.c_str(), kFlags, kMode);
-    if (file < 0 && errno == EEXIST && unlink(beside_.c_str()) == 0) {
-        file = open(beside_.c_str(), kFlags, kMode);
-    } else if (file < 0 && errno == ENOENT) {
-        const std::string directory = path_.substr(0, path_.rfind('/'));
-        if (mkdir(directory.c_str(), kDirectoryMode) == 0 &&
-            chmod(directory.c_str(), kDirectoryMode) == 0) {  // whatever the umask
-            file = open(beside_.c_str(), kFlags, kMode);
-        }
-    }
-    return file;
 }

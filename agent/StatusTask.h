@@ -8,13 +8,13 @@
 #include <cstdint>
 #include <string>
 
+#include "agent/PublishedFile.h"
 #include "agent/ReportTask.h"
 #include "framework/State.h"
 #include "framework/Task.h"
 
 // Keeps the status file current: how the agent fares, one line of JSON as docs/operations.md tells,
-// replaced every five seconds and removed at the end. Its directory is made when it is missing. A
-// file that cannot be written is an error line, once, and tried again.
+// replaced every five seconds and removed at the end.
 class StatusTask : public Framework::Task {
 public:
     static constexpr const char* kName = "status";
@@ -31,16 +31,11 @@ protected:
 
 private:
     Json::Value Describe() const;
-    // 0 or an errno value, as the next.
-    int Write(const std::string& text) const;
-    int Create() const;
 
-    const std::string path_;
-    const std::string beside_;  // what is to take the file's place
+    PublishedFile file_;
     const Poco::AutoPtr<ReportTask> report_;
     const Poco::Timestamp since_;
     const std::uint64_t process_start_;
-    int trouble_ = 0;  // why the file could not be written
 };
 
 // When the process started, in clock ticks since the boot: with its id this names it for good. 0

@@ -19,6 +19,7 @@
 
 #include "agent/Commands.h"
 #include "agent/Daemon.h"
+#include "agent/MetricsTask.h"
 #include "agent/PidFile.h"
 #include "agent/PolicyDirectory.h"
 #include "agent/ReportTask.h"
@@ -64,6 +65,7 @@ struct StopAtExit {
     ~StopAtExit() {
         engine.StopModules();
         engine.StopTask(ReportTask::kName);
+        engine.StopTask(MetricsTask::kName);
         engine.StopTask(StatusTask::kName);
         Framework::Log().information("watchpost has stopped");
     }
@@ -247,6 +249,9 @@ int Watchpost::Serve() {
     const StopAtExit stop{*this};
     LoadModules(module_dir);
     StartTask(new StatusTask(settings_.Get("status.file"), report));
+    if (settings_.IsSet("metrics.file")) {
+        StartTask(new MetricsTask(settings_.Get("metrics.file"), report));
+    }
     const PolicyDirectory policies(
         policy_dir,
         [this](const auto& name, const auto& content) {

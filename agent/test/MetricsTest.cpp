@@ -1,0 +1,110 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "agent/MetricsTask.h"
+#include "sdk/test/TempDir.h"
+#include "test/support/TestSupport.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Framework::Severity;
+
+TEST(FormatMetrics, TellsTheStateInLinesThatAnyReaderTakes) {
+    Framework::State state;
+    state.policies = {{"m",
+                       "a\xff\"\n.json",
+                       "f",
+                       std::string(400, 'i'),
+                       "",
+                       false,
+                       Poco::Timestamp(1'500'000),
+                       {{Severity::kError, "", "", ""},
+                        {Severity::kError, "", "", ""},
+                        {Severity::kWarning, "", "", ""}}}};
+    state.refused = {{"x", {}, ""}, {"y", {}, ""}};
+    state.deliveries = {3, 4};
+    Framework::TaskStatus task;
+    task.name = "t";
+    task.waiting_messages = 5;
+    task.waiting_bytes = 6;
+    state.tasks.push_back(task);
+    task.name = "cyclic";
+    task.period = std::chrono::seconds(10);
+    task.due = Poco::Timestamp(1'795'000'000'250'000);
+    for (const double lasted : {0.0005, 0.5, 0.5, 1000.0}) {
+        task.cycles.Add(std::chrono::duration<double>(lasted));
+    }
+    state.tasks.push_back(task);
+    state.conditions = {{"m", {"bad", false, ""}}, {"m", {"well", true, ""}}};
+    state.figures = {{"m", {{{"e", 7}}, {{"never", 0}, {"once", Poco::Timestamp(2'000'000)}}}}};
+    ReportCounts reports;
+    reports.by_type = {{"r", 8}};
+    reports.bytes = 1ULL << 52;
+    reports.failures = 9;
+
+    const std::string text = "\n" + FormatMetrics(state, reports);
+    const std::string policy = R"({feature="f",module="m"})";
+    for (const std::string& line : {
+             R"(watchpost_policy_info{feature="f",file="a)"
+             "\xef\xbf\xbd"
+             R"(\"\n.json",hash="",id=")" +
+                 std::string(300, 'i') + R"(",module="m"} 1)",
+             "watchpost_policy_enabled" + policy + " 0",
+             "watchpost_policy_since_timestamp_seconds" + policy + " 1.5",
+             std::string(R"(watchpost_policy_findings{feature="f",module="m",severity="error"} 2)"),
+             std::string(
+                 R"(watchpost_policy_findings{feature="f",module="m",severity="warning"} 1)"),
+             std::string("watchpost_policy_files_refused 2"),
+             std::string(R"(watchpost_policy_deliveries_total{result="accepted"} 3)"),
+             std::string(R"(watchpost_policy_deliveries_total{result="refused"} 4)"),
+             std::string(R"(watchpost_queue_messages{task="t"} 5)"),
+             std::string(R"(watchpost_queue_bytes{task="t"} 6)"),
+             std::string(R"(watchpost_task_period_seconds{task="cyclic"} 10)"),
+             std::string(R"(watchpost_task_due_timestamp_seconds{task="cyclic"} 1795000000.25)"),
+             std::string(R"(watchpost_condition_good{module="m",subject="bad"} 0)"),
+             std::string(R"(watchpost_condition_good{module="m",subject="well"} 1)"),
+             std::string(R"(watchpost_events_total{event="e",module="m"} 7)"),
+             std::string(R"(watchpost_last_success_timestamp_seconds{module="m",work="never"} 0)"),
+             std::string(R"(watchpost_last_success_timestamp_seconds{module="m",work="once"} 2)"),
+             std::string(R"(watchpost_reports_total{type="r"} 8)"),
+             std::string("watchpost_report_bytes_total 4503599627370496"),
+             std::string("watchpost_report_write_failures_total 9"),
+         }) {
+        EXPECT_NE(std::string::npos, text.find("\n" + line + "\n")) << line << text;
+    }
+    // Cumulative, and of a task with cycles only.
+    std::string buckets;
+    const std::string start = "watchpost_task_cycle_duration_seconds";
+    for (std::size_t at = text.find("\n" + start); at != std::string::npos;
+         at = text.find("\n" + start, at + 1)) {
+        buckets += text.substr(text.find(' ', at), text.find('\n', at + 1) - text.find(' ', at));
+    }
+    EXPECT_EQ(" 4 1001.0005 1 1 1 3 3 3 3 4", buckets);
+}
+
+TEST(MetricsTask, WritesForEveryReaderAndRemovesWhatItWrote) {
+    const TempDir folder;
+    const TestSupport::LogCapture log("watchpost");
+    TestSupport::TestEngine();
+    const std::string path = folder / "collector/watchpost.prom";
+    Poco::AutoPtr<MetricsTask> task(new MetricsTask(path, new ReportTask(folder / "report")));
+    const mode_t usual = umask(027);
+    task->Run();
+    umask(usual);
+    EXPECT_EQ(0644, static_cast<int>(fs::status(path).permissions()));
+    EXPECT_EQ(0U, TestSupport::ReadText(path).find("# HELP watchpost_"));
+    fs::rename(folder / "collector", folder / "away");
+    TestSupport::WriteText(folder / "collector", "in the way");
+    task->Run();
+    task->Run();
+    EXPECT_EQ(1, log.Holding("3 metrics file " + path + " cannot be written, trying again: Not a"));
+    fs::remove(folder / "collector");
+    fs::rename(folder / "away", folder / "collector");
+    task->UnInit();
+    EXPECT_TRUE(fs::is_empty(folder / "collector"));
+}
+
+}  // namespace
