@@ -13,6 +13,7 @@
 
 #include "agent/StartError.h"
 #include "sdk/FileUtils.h"
+#include "sdk/Paths.h"
 #include "sdk/Trust.h"
 
 namespace {
@@ -57,17 +58,17 @@ struct Setting {
 const Setting kSettings[] = {
     {"config", "agent check status restore", "FILE", &kPath, nullptr, nullptr,
      "configuration file, lines of KEY = VALUE"},
-    {"module-dir", "agent check restore", "DIR", &kPath, "module.dir",
-     "/usr/local/watchpost/module", "directory of the modules, *.so"},
-    {"policy-dir", "agent", "DIR", &kPath, "policy.dir", "/usr/local/watchpost/policy",
+    {"module-dir", "agent check restore", "DIR", &kPath, "module.dir", SDK::Paths::kModules,
+     "directory of the modules, *.so"},
+    {"policy-dir", "agent", "DIR", &kPath, "policy.dir", SDK::Paths::kPolicies,
      "directory of the policy files, *.json"},
-    {"log-dir", "agent restore", "DIR", &kPath, "log.dir", "/usr/local/watchpost/log",
+    {"log-dir", "agent restore", "DIR", &kPath, "log.dir", SDK::Paths::kLogs,
      "directory of the log and of local records"},
     {"report", "agent", "FILE", &kPath, "report.file", nullptr,
      "report file, default LOGDIR/watchpost_report.jsonl"},
     {"log-level", "agent", "LEVEL", &kLevel, "log.level", "information", kLevel.allowed},
     {nullptr, nullptr, nullptr, &kPercent, "cpu.limit.percent", "0", nullptr},
-    {nullptr, nullptr, nullptr, &kPath, "status.file", "/run/watchpost/status.json", nullptr},
+    {nullptr, nullptr, nullptr, &kPath, "status.file", SDK::Paths::kStatus, nullptr},
     {nullptr, nullptr, nullptr, &kPath, "metrics.file", nullptr, nullptr},
     {"pidfile", "agent", "FILE", &kPath, nullptr, nullptr,
      "file that names the process while it runs"},

@@ -30,6 +30,7 @@
 #include "sdk/ErrorStream.h"
 #include "sdk/InnerCpuCtrlUtils.h"
 #include "sdk/LoggerUtils.h"
+#include "sdk/Paths.h"
 #include "sdk/Trust.h"
 
 // A command, under its first argument.
@@ -52,9 +53,6 @@ const Command kCommands[] = {
     {"restore", "[OPTION]...", "Takes the forwarding out of the host's configuration.",
      Commands::Restore},
 };
-
-const char* const kHome = "/usr/local/watchpost";
-const char* const kConfiguration = "/usr/local/watchpost/conf/watchpost.properties";
 
 // Ends what runs, also when the start fails half-way: modules with their tasks, then the report
 // task, which writes what is still queued, and last what tells of all that. The policy directory is
@@ -142,8 +140,8 @@ std::string Watchpost::Help() const {
                          (command_ != nullptr ? std::string(" ") + command_->name : ""));
     formatter.setUsage(command_ != nullptr ? command_->usage : "[COMMAND] [OPTION]...");
     formatter.setHeader(command_ != nullptr ? command_->description
-                                            : "Host-security agent. Defaults are below " +
-                                                  std::string(kHome) + ".");
+                                            : "Host-security agent. Its configuration file is " +
+                                                  std::string(SDK::Paths::kConfiguration) + ".");
     std::ostringstream text;
     formatter.format(text);
     if (command_ == nullptr) {
@@ -179,7 +177,7 @@ int Watchpost::RunCommand(const std::vector<std::string>& arguments) {
     Poco::Logger::setLevel("", 0);
     Framework::Log().setChannel(new SDK::ErrorStream(new Poco::NullChannel));
     Framework::Log().setLevel(Poco::Message::PRIO_ERROR);
-    settings_.ReadFile(kConfiguration);
+    settings_.ReadFile(SDK::Paths::kConfiguration);
     return command_->run(*this, settings_, arguments);
 }
 
@@ -224,7 +222,7 @@ void Watchpost::OpenLog() const {
 
 int Watchpost::Serve() {
     Signals::Install();
-    settings_.ReadFile(kConfiguration);
+    settings_.ReadFile(SDK::Paths::kConfiguration);
     if (settings_.IsSet("daemon")) {
         Daemon::Enter();
     }

@@ -7,6 +7,7 @@
 #include <Poco/PatternFormatter.h>
 
 #include "sdk/LogFile.h"
+#include "sdk/Paths.h"
 #include "sdk/StringUtils.h"
 
 namespace SDK {
@@ -32,6 +33,8 @@ protected:
 };
 
 }  // namespace
+
+LoggerUtils::LoggerUtils() : log_dir_(Paths::kLogs) {}
 
 LoggerUtils* LoggerUtils::GetInstance() {
     // Never destroyed: other threads may still log while the process exits.

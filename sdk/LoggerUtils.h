@@ -38,12 +38,12 @@ public:
     Poco::Logger* GetModuleLogger(const std::string& name, bool must_exist);
 
 private:
-    LoggerUtils() = default;
+    LoggerUtils();
     ~LoggerUtils() = default;
 
     mutable std::mutex mutex_;
     Poco::AutoPtr<ErrorStream> end_;
-    std::string log_dir_ = "/usr/local/watchpost/log";
+    std::string log_dir_;
 };
 
 }  // namespace SDK
