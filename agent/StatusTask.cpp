@@ -8,6 +8,7 @@
 #include <sstream>
 #include <utility>
 
+#include "agent/StatusJudgement.h"
 #include "framework/Engine.h"
 #include "sdk/JsonUtils.h"
 #include "sdk/LoggerUtils.h"
@@ -146,7 +147,15 @@ int StatusTask::Init() {
 }
 
 int StatusTask::Run() {
-    file_.Write(SDK::JsonUtils::JsonToString(Describe()) + "\n");
+    const Framework::State state = Framework::Engine::Instance().GetState();
+    const Json::Value status = Describe(state);
+    file_.Write(SDK::JsonUtils::JsonToString(status) + "\n");
+    const StatusJudgement judgement = JudgeStatus(status, Poco::Timestamp(), true);
+    std::string text = judgement.Name();
+    for (const std::string& reason : judgement.reasons) {
+        text += (&reason == &judgement.reasons.front() ? ": " : "; ") + reason;
+    }
+    service_manager_.Tell(text, state.tasks);
     return 0;
 }
 
@@ -154,14 +163,14 @@ void StatusTask::UnInit() {
     file_.Remove();
 }
 
-Json::Value StatusTask::Describe() const {
-    Framework::State state = Framework::Engine::Instance().GetState();
+Json::Value StatusTask::Describe(const Framework::State& state) const {
+    std::vector<Framework::TaskStatus> tasks = state.tasks;
     // This task and that of the reports, which are told of by themselves.
-    state.tasks.erase(
-        std::remove_if(
-            state.tasks.begin(), state.tasks.end(),
-            [](const auto& task) { return task.name == kName || task.name == ReportTask::kName; }),
-        state.tasks.end());
+    tasks.erase(std::remove_if(tasks.begin(), tasks.end(),
+                               [](const auto& task) {
+                                   return task.name == kName || task.name == ReportTask::kName;
+                               }),
+                tasks.end());
     Json::Value value;
     value["written"] = Time(Poco::Timestamp());
     value["pid"] = getpid();
@@ -170,7 +179,7 @@ Json::Value StatusTask::Describe() const {
     value["since"] = Time(since_);
     value["policies"] = List(state.policies, DescribePolicy);
     value["refused"] = List(state.refused, DescribeRefused);
-    value["tasks"] = List(state.tasks, DescribeTask);
+    value["tasks"] = List(tasks, DescribeTask);
     value["reports"] = DescribeReports(report_->Counts(), report_->GetStatus());
     Poco::Timestamp time;
     std::string text;

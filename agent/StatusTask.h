@@ -10,11 +10,12 @@
 
 #include "agent/PublishedFile.h"
 #include "agent/ReportTask.h"
+#include "agent/ServiceManager.h"
 #include "framework/State.h"
 #include "framework/Task.h"
 
 // Keeps the status file current: how the agent fares, one line of JSON as docs/operations.md tells,
-// replaced every five seconds and removed at the end.
+// replaced every five seconds and removed at the end. The service manager hears of it, too.
 class StatusTask : public Framework::Task {
 public:
     static constexpr const char* kName = "status";
@@ -30,9 +31,10 @@ protected:
     ~StatusTask() override = default;
 
 private:
-    Json::Value Describe() const;
+    Json::Value Describe(const Framework::State& state) const;
 
     PublishedFile file_;
+    ServiceManager service_manager_;
     const Poco::AutoPtr<ReportTask> report_;
     const Poco::Timestamp since_;
     const std::uint64_t process_start_;

@@ -16,6 +16,7 @@
 #include <iostream>
 #include <iterator>
 #include <sstream>
+#include <utility>
 
 #include "agent/Commands.h"
 #include "agent/Daemon.h"
@@ -23,6 +24,7 @@
 #include "agent/PidFile.h"
 #include "agent/PolicyDirectory.h"
 #include "agent/ReportTask.h"
+#include "agent/ServiceManager.h"
 #include "agent/Signals.h"
 #include "agent/StartError.h"
 #include "agent/StatusTask.h"
@@ -255,13 +257,19 @@ int Watchpost::Serve() {
         [this](const auto& name, const auto& content) {
             DeliverPolicy(kPolicyType, name, content);
         },
-        [this] { EnforcePolicies(); },
+        [this, ready = false]() mutable {
+            EnforcePolicies();
+            if (!std::exchange(ready, true)) {
+                ServiceManager::Ready();
+            }
+        },
         [this](const auto& name, const auto& why) {
             why.empty() ? ForgetPolicy(name) : RefusePolicy(name, "it cannot be read: " + why);
         });
     Daemon::Started();
     Signals::AwaitStop();
     Framework::Log().information("watchpost stops");
+    ServiceManager::Stopping();
     RefuseTasks();
     return EXIT_OK;
 }

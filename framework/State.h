@@ -33,12 +33,13 @@ struct CycleCounts {
 // A task, its cycles and the queue of messages that wait for it.
 struct TaskStatus {
     std::string name;
-    std::chrono::seconds period{0};       // 0: it has no cycles
-    bool running = false;                 // in a cycle now
-    Poco::Timestamp began{0};             // the last cycle
-    std::chrono::milliseconds lasted{0};  // that cycle, so far when it is running
-    Poco::Timestamp due{0};               // the next cycle; when one is running, that one
-    CycleCounts cycles;                   // those that have ended
+    std::chrono::seconds period{0};         // 0: it has no cycles
+    bool running = false;                   // in a cycle now
+    Poco::Timestamp began{0};               // the last cycle
+    std::chrono::milliseconds lasted{0};    // that cycle, so far when it is running
+    Poco::Timestamp due{0};                 // the next cycle; when one is running, that one
+    CycleCounts cycles;                     // those that have ended
+    std::chrono::nanoseconds processor{0};  // time that its thread has used
     std::size_t waiting_messages = 0;
     std::size_t waiting_bytes = 0;
 };

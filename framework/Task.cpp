@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include <csignal>
+#include <ctime>
 #include <tuple>
 
 #include "framework/Engine.h"
@@ -38,9 +39,13 @@ void Task::runTask() {
     sigaddset(&pipe_signal, SIGPIPE);
     pthread_sigmask(SIG_UNBLOCK, &pipe_signal, nullptr);
 
-    if (period_.count() > 0) {  // an Init that does not come to its end shows as a cycle overdue
+    {
         const std::lock_guard<std::mutex> lock(state_mutex_);
-        cycle_.due = Clock::now();
+        pthread_getcpuclockid(pthread_self(), &processor_clock_);
+        if (period_.count() >
+            0) {  // an Init that does not come to its end shows as a cycle overdue
+            cycle_.due = Clock::now();
+        }
     }
     initialised_ = Guarded("Init", 0, [this] { return Init(); }) != 0;
     const bool run = initialised_;
@@ -95,6 +100,11 @@ TaskStatus Task::GetStatus() const {
     const std::lock_guard<std::mutex> lock(state_mutex_);
     const Clock::time_point now = Clock::now();
     state.cycles = cycles_;
+    timespec used{};
+    if (processor_clock_ != 0 && clock_gettime(processor_clock_, &used) == 0) {
+        state.processor =
+            std::chrono::seconds(used.tv_sec) + std::chrono::nanoseconds(used.tv_nsec);
+    }
     state.running = cycle_.running;
     state.began = cycle_.began;
     state.lasted = duration_cast<std::chrono::milliseconds>((cycle_.running ? now : cycle_.end) -

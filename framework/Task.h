@@ -96,6 +96,7 @@ private:
     mutable std::mutex state_mutex_;  // guards what follows
     Cycle cycle_;
     CycleCounts cycles_;
+    clockid_t processor_clock_ = 0;  // of its thread; 0 when there is none
 };
 
 }  // namespace Framework

@@ -1,11 +1,15 @@
 #include <Poco/DateTime.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 
+#include "agent/ServiceManager.h"
 #include "agent/StatusJudgement.h"
 #include "agent/StatusTask.h"
 #include "sdk/JsonUtils.h"
@@ -117,6 +121,67 @@ TEST(ProcessStart, TellsTheLivingFromTheDead) {
     EXPECT_EQ(0U, ProcessStart(child)) << "nobody has waited for it";
     waitpid(child, nullptr, 0);
     EXPECT_EQ(0U, ProcessStart(child));
+}
+
+// Hears what the agent tells its service manager.
+class NotifySocket {
+public:
+    explicit NotifySocket(const std::string& path) : socket_(socket(AF_UNIX, SOCK_DGRAM, 0)) {
+        sockaddr_un address{AF_UNIX, {}};
+        path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+        EXPECT_EQ(0, bind(socket_, reinterpret_cast<sockaddr*>(&address), sizeof(address)));
+        setenv("NOTIFY_SOCKET", path.c_str(), 1);
+    }
+    NotifySocket(const NotifySocket&) = delete;
+    NotifySocket& operator=(const NotifySocket&) = delete;
+    ~NotifySocket() {
+        unsetenv("NOTIFY_SOCKET");
+        close(socket_);
+    }
+
+    std::string Next() const {
+        char text[4096];
+        const ssize_t size = recv(socket_, text, sizeof(text), MSG_DONTWAIT);
+        return {text, size > 0 ? static_cast<std::size_t>(size) : 0};
+    }
+
+private:
+    const int socket_;
+};
+
+TEST(ServiceManager, HearsOfLifeUnlessATaskStandsStill) {
+    const TempDir folder;
+    const NotifySocket socket(folder / "notify");
+    const TestSupport::LogCapture log("watchpost");
+    ServiceManager manager;
+    const auto start = ServiceManager::Clock::now();
+    const std::string fed = "STATUS=well?\\nREADY=1\nWATCHDOG=1";
+    const std::string starved = "STATUS=well?\\nREADY=1";
+    Framework::TaskStatus task;
+    task.name = "t";
+    const struct {
+        int minute;
+        bool running;
+        long due;  // in seconds from now; 0: none
+        std::size_t waiting;
+        int processor;  // used so far
+        bool fed;
+    } steps[] = {
+        {0, true, 0, 0, 1, true},      {10, true, 0, 0, 1, true},     {11, true, 0, 0, 1, false},
+        {12, true, 0, 0, 1, false},    {13, true, 0, 0, 2, true},     {23, true, 0, 0, 2, true},
+        {24, false, 60, 0, 2, true},   {90, false, 60, 0, 2, true},   {91, false, -1, 0, 2, true},
+        {101, false, -1, 0, 2, false}, {102, false, 60, 1, 2, false}, {103, false, 60, 0, 2, true},
+    };
+    for (const auto& step : steps) {
+        task.running = step.running;
+        task.due = step.due == 0 ? Poco::Timestamp(0)
+                                 : Poco::Timestamp() + step.due * Poco::Timestamp::resolution();
+        task.waiting_messages = step.waiting;
+        task.processor = std::chrono::nanoseconds(step.processor);
+        manager.Tell("well?\nREADY=1", {task}, start + std::chrono::minutes(step.minute));
+        EXPECT_EQ(step.fed ? fed : starved, socket.Next()) << step.minute;
+    }
+    EXPECT_EQ(2, log.Holding("3 task t stands still"));
 }
 
 }  // namespace

@@ -166,6 +166,7 @@ TEST(Task, RunsOnceAPeriodWithoutCatchingUpWhateverMessagesAndFaultsCome) {
     EXPECT_TRUE(engine.StartTask(task));
     EXPECT_TRUE(Await([&] { return runs > 3 && !task->GetStatus().running; }));
     const Framework::TaskStatus status = task->GetStatus();
+    EXPECT_GT(status.processor.count(), 0);
     EXPECT_EQ(std::chrono::seconds(1), status.period);
     EXPECT_LT(status.lasted, std::chrono::seconds(2)) << "that was another cycle";
     EXPECT_LT(Poco::Timestamp() - status.began, 30'000'000);
