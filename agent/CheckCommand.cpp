@@ -8,6 +8,7 @@
 #include "agent/Describe.h"
 #include "agent/PolicyDirectory.h"
 #include "agent/Settings.h"
+#include "agent/Signals.h"
 #include "agent/StartError.h"
 #include "agent/Watchpost.h"
 #include "sdk/FileUtils.h"
@@ -119,10 +120,16 @@ int Commands::Check(Watchpost& engine, const Settings& settings,
     }
     const bool host = settings.IsSet("host");
     engine.LoadModules(engine.TrustedDirectory("module.dir"), host);
+    if (host) {  // which has temporary files, and asks programs
+        Signals::StopBy([] { Framework::Engine::Instance().RefuseTasks(); });
+    }
     Result worst = kClean;
     Json::Value files(Json::arrayValue);
     for (const std::string& file : arguments) {
         const Report report = CheckFile(engine, file, host);
+        if (engine.IsStopping()) {
+            throw StartError{EX_TEMPFAIL, "stopped by a signal"};
+        }
         worst = std::max(worst, report.result);
         if (settings.IsSet("json")) {
             files.append(ToJson(report, host));

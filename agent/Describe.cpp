@@ -5,7 +5,6 @@
 #include <Poco/Process.h>
 #include <Poco/StreamCopier.h>
 
-#include <fstream>
 #include <sstream>
 
 #include "sdk/PrivateFolder.h"
@@ -29,10 +28,8 @@ std::string Indented(const std::string& text) {
 
 std::string Diff(const Framework::FileChange& file) {
     const SDK::PrivateFolder folder;
-    const std::string before = folder.Path() + "/before";
-    const std::string after = folder.Path() + "/after";
-    std::ofstream(before, std::ios::binary) << file.before;
-    std::ofstream(after, std::ios::binary) << file.after;
+    const std::string before = folder.Write("before", file.before);
+    const std::string after = folder.Write("after", file.after);
     const std::string old_label = file.existed ? file.path : "/dev/null";
     const std::string new_label = file.remains ? file.path : "/dev/null";
     Poco::Pipe output;

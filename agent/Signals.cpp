@@ -11,6 +11,7 @@ namespace Signals {
 namespace {
 
 sem_t stop;
+void (*stop_by)() = nullptr;
 
 void OnStop(int /*number*/) {
     const int saved_errno = errno;
@@ -18,24 +19,38 @@ void OnStop(int /*number*/) {
     errno = saved_errno;
 }
 
+void CallStop(int /*number*/) {
+    stop_by();
+}
+
 // Not SIG_IGN, which commands would inherit.
 void Ignore(int /*number*/) {}
+
+void Handle(std::initializer_list<int> signals, void (*handler)(int)) {
+    struct sigaction action = {};
+    action.sa_flags = SA_RESTART;
+    sigemptyset(&action.sa_mask);
+    action.sa_handler = handler;
+    for (const int number : signals) {
+        sigaction(number, &action, nullptr);
+    }
+}
 
 }  // namespace
 
 void Install() {
     sem_init(&stop, 0, 0);
-    struct sigaction action = {};
-    action.sa_flags = SA_RESTART;
-    sigemptyset(&action.sa_mask);
-    action.sa_handler = OnStop;
-    for (const int number : {SIGTERM, SIGINT}) {
-        sigaction(number, &action, nullptr);
-    }
-    action.sa_handler = Ignore;
-    for (const int number : {SIGHUP, SIGPIPE, SIGXFSZ}) {
-        sigaction(number, &action, nullptr);
-    }
+    Handle({SIGTERM, SIGINT}, OnStop);
+    Handle({SIGHUP, SIGPIPE, SIGXFSZ}, Ignore);
+}
+
+void StopBy(void (*stop)()) {
+    stop_by = stop;
+    Handle({SIGTERM, SIGINT}, CallStop);
+}
+
+void OutliveFileLimit() {
+    Handle({SIGXFSZ}, Ignore);
 }
 
 void AwaitStop() {

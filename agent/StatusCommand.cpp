@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <iomanip>
 #include <iostream>
+#include <sstream>
 
 #include "agent/Commands.h"
 #include "agent/Settings.h"
@@ -27,15 +28,15 @@ std::string Number(const Json::Value& value, const char* key) {
     return value[key].isIntegral() ? value[key].asString() : "0";
 }
 
-// Writes a line to the terminal, the label in a column of its own.
-void Print(const std::string& label, const std::string& text) {
-    std::cout << std::left << std::setw(12) << label << SDK::StringUtils::ToPrintable(text) << '\n';
+// Writes a line, the label in a column of its own.
+void Print(std::ostream& out, const std::string& label, const std::string& text) {
+    out << std::left << std::setw(12) << label << SDK::StringUtils::ToPrintable(text) << '\n';
 }
 
 // Prints the lines under one label.
-void Print(const std::string& label, const std::vector<std::string>& lines) {
+void Print(std::ostream& out, const std::string& label, const std::vector<std::string>& lines) {
     for (std::size_t i = 0; i < lines.size(); ++i) {
-        Print(i == 0 ? label : "", lines[i]);
+        Print(out, i == 0 ? label : "", lines[i]);
     }
 }
 
@@ -128,26 +129,56 @@ std::string Reports(const Json::Value& reports) {
                        : "; " + waiting + " wait, " + Number(reports, "waiting_bytes") + " bytes");
 }
 
-void PrintStatus(const Json::Value& status) {
-    Print("process", Number(status, "pid") + ", watchpost " +
-                         GetStringValue(status, "version", "") + ", " + Since(status));
-    Print("policies", Policies(status));
-    Print("tasks", Tasks(status));
+void PrintStatus(std::ostream& out, const Json::Value& status) {
+    Print(out, "process",
+          Number(status, "pid") + ", watchpost " + GetStringValue(status, "version", "") + ", " +
+              Since(status));
+    Print(out, "policies", Policies(status));
+    Print(out, "tasks", Tasks(status));
     Json::Value reports(Json::objectValue);
     SDK::JsonUtils::GetSubobjectValue(status, "reports", reports);
-    Print("reports", Reports(reports));
+    Print(out, "reports", Reports(reports));
     std::vector<std::string> conditions;
     for (const Json::Value& condition : Entries(status, "conditions")) {
         conditions.push_back((GetBoolValue(condition, "good", false) ? "good  " : "BAD   ") +
                              GetStringValue(condition, "subject", "") + ": " +
                              GetStringValue(condition, "text", ""));
     }
-    Print("conditions", conditions);
+    Print(out, "conditions", conditions);
     Json::Value error;
     if (SDK::JsonUtils::GetSubobjectValue(status, "last_error", error)) {
-        Print("last error",
+        Print(out, "last error",
               FromNow(GetTime(error, "time")) + ": " + GetStringValue(error, "text", ""));
     }
+}
+
+StatusJudgement Judge(const std::string& path, const Json::Value& status) {
+    return status.empty()
+               ? StatusJudgement{StatusJudgement::kNotRunning, {"there is no status file " + path}}
+               : JudgeStatus(status, Poco::Timestamp(), IsAlive(status));
+}
+
+int PrintJson(std::ostream& out, const std::string& path, Json::Value status) {
+    const StatusJudgement judgement = Judge(path, status);
+    status["state"] = judgement.Name();
+    status["reasons"] = Json::Value(Json::arrayValue);
+    for (const std::string& reason : judgement.reasons) {
+        status["reasons"].append(reason);
+    }
+    out << SDK::JsonUtils::JsonToString(status) << '\n';
+    return judgement.state;
+}
+
+int PrintText(std::ostream& out, const std::string& path, const Json::Value& status) {
+    const StatusJudgement judgement = Judge(path, status);
+    Print(out, "state", judgement.Name());
+    for (const std::string& reason : judgement.reasons) {
+        Print(out, "", "- " + reason);
+    }
+    if (judgement.state != StatusJudgement::kNotRunning) {
+        PrintStatus(out, status);
+    }
+    return judgement.state;
 }
 
 }  // namespace
@@ -158,26 +189,14 @@ int Commands::Status(Watchpost& /*engine*/, const Settings& settings,
         throw StartError{EX_USAGE, "unexpected argument " + arguments.front()};
     }
     const std::string path = settings.Get("status.file");
-    Json::Value status = ReadStatusFile(path);
-    const StatusJudgement judgement =
-        status.empty()
-            ? StatusJudgement{StatusJudgement::kNotRunning, {"there is no status file " + path}}
-            : JudgeStatus(status, Poco::Timestamp(), IsAlive(status));
-    if (settings.IsSet("json")) {
-        status["state"] = judgement.Name();
-        status["reasons"] = Json::Value(Json::arrayValue);
-        for (const std::string& reason : judgement.reasons) {
-            status["reasons"].append(reason);
-        }
-        std::cout << SDK::JsonUtils::JsonToString(status) << '\n';
-        return judgement.state;
+    const Json::Value status = ReadStatusFile(path);
+    try {
+        std::ostringstream text;
+        const int state =
+            settings.IsSet("json") ? PrintJson(text, path, status) : PrintText(text, path, status);
+        std::cout << text.str();
+        return state;
+    } catch (const Json::Exception&) {
+        throw StartError{kNoStatusFile, "status file " + path + " is none"};
     }
-    Print("state", judgement.Name());
-    for (const std::string& reason : judgement.reasons) {
-        Print("", "- " + reason);
-    }
-    if (judgement.state != StatusJudgement::kNotRunning) {
-        PrintStatus(status);
-    }
-    return judgement.state;
 }

@@ -11,7 +11,6 @@
 namespace {
 
 constexpr std::size_t kMaxSize = 1 << 20;
-constexpr int kUnreadable = 4;
 
 }  // namespace
 
@@ -23,10 +22,11 @@ Json::Value ReadStatusFile(const std::string& path) {
         return status;
     }
     if (error != 0) {
-        throw StartError{kUnreadable, "status file " + path + ": " + std::strerror(error)};
+        throw StartError{kNoStatusFile, "status file " + path + ": " + std::strerror(error)};
     }
-    if (SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), status) != 0 || !status.isObject()) {
-        throw StartError{kUnreadable, "status file " + path + " is none: not a JSON object"};
+    if (SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), status) != 0 || !status.isObject() ||
+        !status["pid"].isInt()) {
+        throw StartError{kNoStatusFile, "status file " + path + " is none"};
     }
     return status;
 }

@@ -9,7 +9,6 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <iomanip>
@@ -33,6 +32,7 @@
 #include "sdk/InnerCpuCtrlUtils.h"
 #include "sdk/LoggerUtils.h"
 #include "sdk/Paths.h"
+#include "sdk/StringUtils.h"
 #include "sdk/Trust.h"
 
 // A command, under its first argument.
@@ -79,15 +79,12 @@ Watchpost::Watchpost() {
     setUnixOptions(true);
 }
 
-// One line, whatever the text quotes.
 int Watchpost::Tell(int status, std::string text) const {
     if (status == EXIT_USAGE) {
         text += std::string("; see watchpost ") +
                 (command_ != nullptr ? command_->name + std::string(" ") : "") + "--help";
     }
-    std::replace_if(
-        text.begin(), text.end(), [](unsigned char c) { return std::iscntrl(c) != 0; }, '?');
-    std::cerr << "watchpost: " << text << std::endl;
+    std::cerr << "watchpost: " << SDK::StringUtils::ToPrintable(text) << std::endl;
     return status;
 }
 
@@ -180,7 +177,12 @@ int Watchpost::RunCommand(const std::vector<std::string>& arguments) {
     Framework::Log().setChannel(new SDK::ErrorStream(new Poco::NullChannel));
     Framework::Log().setLevel(Poco::Message::PRIO_ERROR);
     settings_.ReadFile(SDK::Paths::kConfiguration);
-    return command_->run(*this, settings_, arguments);
+    Signals::OutliveFileLimit();
+    const int status = command_->run(*this, settings_, arguments);
+    if (!std::cout.flush() && errno != EPIPE) {  // a reader that has seen enough
+        throw StartError{EXIT_IOERR, "standard output cannot be written"};
+    }
+    return status;
 }
 
 std::string Watchpost::Directory(const std::string& key) const {

@@ -123,6 +123,9 @@ int ParseJsonStr(const char* text, size_t length, Json::Value& out, std::string*
     } catch (const std::bad_alloc&) {
         return ENOMEM;
     } catch (const std::exception&) {
+        if (why != nullptr) {
+            *why = "nested too deep";
+        }
         return EINVAL;
     }
 }

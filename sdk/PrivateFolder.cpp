@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <system_error>
 
 namespace SDK {
@@ -15,6 +16,15 @@ PrivateFolder::PrivateFolder() : path_("/tmp/watchpost.XXXXXX") {
     if (mkdtemp(path_.data()) == nullptr) {
         throw Poco::SystemException(path_, std::strerror(errno));
     }
+}
+
+std::string PrivateFolder::Write(const std::string& name, const std::string& content) const {
+    std::string file = path_ + "/" + name;
+    errno = 0;
+    if (!(std::ofstream(file, std::ios::binary) << content << std::flush)) {
+        throw Poco::WriteFileException(file, std::strerror(errno));
+    }
+    return file;
 }
 
 PrivateFolder::~PrivateFolder() {

@@ -15,6 +15,8 @@ public:
     PrivateFolder& operator=(const PrivateFolder&) = delete;
 
     const std::string& Path() const { return path_; }
+    // Writes a file into it and returns its path. Throws Poco::WriteFileException.
+    std::string Write(const std::string& name, const std::string& content) const;
 
 private:
     std::string path_;

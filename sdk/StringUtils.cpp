@@ -49,8 +49,8 @@ void AppendEscaped(std::string& line, char c) {
     }
 }
 
-// Whether the well-formed character `c` (its UTF-8 bytes) may end a line or steer a terminal: the
-// ASCII controls but the tab, U+0080..U+009F, and the line and paragraph separators.
+// Whether the well-formed character there may end a line, steer a terminal or turn the order of
+// what it shows: the ASCII controls but the tab, U+0080..U+009F, and some of general punctuation.
 bool IsUnsafe(const std::string& text, size_t offset, size_t length) {
     const auto byte = static_cast<unsigned char>(text[offset]);
     if (length == 1) {
@@ -59,8 +59,13 @@ bool IsUnsafe(const std::string& text, size_t offset, size_t length) {
     if (length == 2) {
         return byte == 0xC2 && static_cast<unsigned char>(text[offset + 1]) < 0xA0;
     }
-    return text.compare(offset, length, "\u2028") == 0 ||
-           text.compare(offset, length, "\u2029") == 0;
+    // From U+2028: separators of lines and paragraphs, embeddings and overrides of direction;
+    // from U+2066: isolates.
+    return length == 3 && byte == 0xE2 &&
+           ((text.compare(offset, length, "\u2028") >= 0 &&
+             text.compare(offset, length, "\u202E") <= 0) ||
+            (text.compare(offset, length, "\u2066") >= 0 &&
+             text.compare(offset, length, "\u2069") <= 0));
 }
 
 }  // namespace

@@ -28,7 +28,8 @@ TEST(LoggerUtils, EveryMessageIsOneLineAndAFailedOpenChangesNothing) {
         {"a\r\n2024-01-01 [Error] forged", R"(a\r\n2024-01-01 [Error] forged)"},
         {std::string("\x1B[2J\x07\x7F\x0B\0", 8), R"(\x1B[2J\x07\x7F\x0B\x00)"},
         {"\xC2\x85\xC2\x9Bm\xC2\xA0", "\\xC2\\x85\\xC2\\x9Bm\xC2\xA0"},
-        {"\xE2\x80\xA8\xE2\x80\xA9\xE2\x80\xAA", "\\xE2\\x80\\xA8\\xE2\\x80\\xA9\xE2\x80\xAA"},
+        {"\u2027\u2028\u202E\u202F", "\u2027\\xE2\\x80\\xA8\\xE2\\x80\\xAE\u202F"},
+        {"\u2065\u2066\u2069\u206A", "\u2065\\xE2\\x81\\xA6\\xE2\\x81\\xA9\u206A"},
         {"\x9Bm \xE2\x82\n", R"(\x9Bm \xE2\x82\n)"},
     };
     std::ifstream log(dir / "watchpost.log");
