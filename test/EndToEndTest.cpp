@@ -6,9 +6,11 @@
 #include <Poco/Timespan.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 
 #include <fstream>
 #include <iterator>
+#include <optional>
 #include <set>
 #include <sstream>
 
@@ -178,11 +180,11 @@ TEST(EndToEnd, PoliciesReplaceEachOtherWithoutLossAndBadOnesChangeNothing) {
     }
 }
 
-// The manager of services gives up on a daemon after five starts in ten seconds.
+// The manager of services gives up on a daemon after five starts in ten seconds, whoever asks.
 TEST(EndToEnd, TwentyPoliciesInTenSecondsLeaveTheDaemonRunningUnderTheLast) {
     std::remove("/run/service.starts.rsyslog");
     const Daemon rsyslogd("rsyslogd");
-    AgentProcess agent;
+    std::optional<AgentProcess> agent(std::in_place);
     const auto start = std::chrono::steady_clock::now();
     const int kPolicies = 20;
     std::string server;
@@ -191,6 +193,10 @@ TEST(EndToEnd, TwentyPoliciesInTenSecondsLeaveTheDaemonRunningUnderTheLast) {
         AgentProcess::Policy("p.json", Policy(R"({"server_type":"udp","server":[")" + server +
                                               R"("],"log_path":["/var/log/a.log:9"]})"));
         std::this_thread::sleep_until(start + i * std::chrono::milliseconds(500));
+        if (i % 6 == 0) {
+            EXPECT_EQ(0, agent->Stop());
+            agent.emplace();
+        }
     }
     EXPECT_TRUE(AgentProcess::AwaitLog("rsyslog is to forward /var/log/a.log to " + server + ":9"));
     EXPECT_EQ(1, Occurrences(ReadText(kInclude), "local1.* @" + server + ":9\n"));
@@ -200,7 +206,7 @@ TEST(EndToEnd, TwentyPoliciesInTenSecondsLeaveTheDaemonRunningUnderTheLast) {
     for (std::size_t i = 3; i < starts.size(); ++i) {
         EXPECT_LT(10'000'000, starts[i] - starts[i - 3]);  // microseconds
     }
-    EXPECT_EQ(0, agent.Stop());
+    EXPECT_EQ(0, agent->Stop());
 }
 
 // The exit status of the program, whose output goes to /run/out.
@@ -222,6 +228,11 @@ TEST(EndToEnd, StatusTellsTheHealthyFromTheWrongFromTheDead) {
         AgentProcess agent;
         AgentProcess::Policy("p.json", Policy("{}"));
         becomes(1, "1 written: 1 rsyslog_3; none waits");
+        ASSERT_EQ(0, std::system("cp /bin/sleep /run/rsyslogd && setpriv --reuid 1000 "
+                                 "--clear-groups /run/rsyslogd 1000 >/dev/null 2>&1 & sleep 0.2"));
+        AgentProcess::Policy("p.json", Policy(R"({"check_period_s":9})"));
+        becomes(1, "BAD   rsyslog: does not run");
+        ASSERT_EQ(0, std::system("pkill -x rsyslogd"));
         const Daemon rsyslogd("rsyslogd");
         AgentProcess::Policy("p.json", Policy(R"({"server_type":"udp","server":["127.0.0.1"],
             "log_path":["/var/log/a.log:9"]})"));
@@ -319,7 +330,21 @@ TEST(EndToEnd, CheckChangesNothingAndRestoreTakesAllBack) {
             const bool loops = std::string(name) == "rsyslogd";
             EXPECT_EQ(loops ? 2 : 0, Watchpost("check --host /run/loop.json"));
             EXPECT_EQ(loops ? 1 : 0, Occurrences(ReadText("/run/out"), "comes around again"));
+            WriteText(
+                "/run/braces.json",
+                Policy(
+                    R"({"server_type":"udp","server":["127.0.0.1"],
+                "log_path":["/x)" +
+                    std::string(
+                        R"({a,b}{a,b}{a,b}{a,b}{a,b}{a,b}{a,b}{a,b}{a,b})"
+                        R"({a,b}{a,b}{a,b}{a,b}{a,b}{a,b}{a,b}{a,b}{a,b}{a,b}{a,b}{a,b}{a,b}{a,b}{a,b})") +
+                    R"(:9"]})"));
+            EXPECT_NE(0, Watchpost("check --host /run/braces.json"));
             EXPECT_TRUE(etc_is_as_kept()) << ReadText("/run/diff");
+            ASSERT_EQ(0, mkfifo("/etc/rsyslog.d/a", 0600));
+            WriteText("/etc/rsyslog.d/b.conf", "local1.x @x y\n");
+            EXPECT_EQ(loops ? 2 : 0, Watchpost("check --host /run/p.json"));
+            EXPECT_EQ(0, std::system("rm /etc/rsyslog.d/a /etc/rsyslog.d/b.conf"));
             AgentProcess::Policy("p.json", policy);
             EXPECT_TRUE(AgentProcess::AwaitLog(" is to forward "));
             EXPECT_FALSE(etc_is_as_kept());
@@ -336,6 +361,12 @@ TEST(EndToEnd, CheckChangesNothingAndRestoreTakesAllBack) {
         EXPECT_EQ("Nothing of watchpost's is in the configuration of this host.\n",
                   ReadText("/run/out"));
     }
+    const std::string conf = ReadText(kConf);
+    WriteText(kConf, conf +
+                         "######WATCHPOST SYSLOGNG CONFIG BEGIN######\r\nx\r\n"
+                         "######WATCHPOST SYSLOGNG CONFIG END######\r\n");
+    EXPECT_EQ(71, Watchpost("restore --config=/run/bin.conf"));
+    WriteText(kConf, conf);
 }
 
 // Servers behind an interface where nobody answers: a probe of each takes three seconds.

@@ -4,12 +4,14 @@
 #include <Poco/Exception.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <boost/algorithm/string/join.hpp>
 #include <boost/algorithm/string/predicate.hpp>
+#include <boost/algorithm/string/trim.hpp>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <list>
+#include <system_error>
 #include <utility>
 
 #include "module/module_rsyslog/src/MarkedBlock.h"
@@ -115,24 +117,27 @@ void AddCut(const MarkedFile& marked, std::vector<FileChange>& files) {
     FileChange file = Read(marked.path);
     const std::size_t begin = file.after.find(kBlockBegin);
     const std::size_t end = file.after.rfind(kBlockEnd);
-    if (begin == std::string::npos && end == std::string::npos) {
-        return;
+    const bool whole = begin != std::string::npos && end != std::string::npos && begin < end;
+    if (whole) {
+        CutBlock(file.after);
     }
-    if (begin == std::string::npos || end == std::string::npos || end < begin) {
+    // The line of a marker may be left without the blank one behind it.
+    if (boost::contains(file.after, boost::trim_copy(kBlockBegin)) ||
+        boost::contains(file.after, boost::trim_copy(kBlockEnd))) {
         throw Poco::DataException(marked.path +
-                                  " holds one marker of our part without the other: take out by "
-                                  "hand what is left of it");
+                                  " holds one marker of our part without the other, or a changed "
+                                  "one: take out by hand what is left of it");
     }
-    CutBlock(file.after);
-    files.push_back(file);
+    if (whole) {
+        files.push_back(file);
+    }
 }
 
-void Apply(const FileChange& file) {
+// Empty, or why the file is as it was.
+std::string Apply(const FileChange& file) {
     const int error = file.remains ? SDK::FileUtils::WriteFile(file.path, file.after, false)
                                    : (unlink(file.path.c_str()) == 0 ? 0 : errno);
-    if (error != 0) {
-        throw Poco::FileException(file.path + ": " + std::strerror(error));
-    }
+    return error == 0 ? "" : file.path + " was left as it is (" + std::strerror(error) + "); ";
 }
 
 }  // namespace
@@ -148,17 +153,19 @@ HostChange RestoreForwarding(bool planned_only) {
         FileChange file = Read(directory + kRsyslogIncludeFile);
         file.remains = false;
         file.after.clear();
+        std::error_code error;
+        file.existed |= std::filesystem::is_symlink(file.path, error);  // to nothing
         if (file.existed) {
             change.files.push_back(file);
         }
     }
-    const bool of_rsyslog = !change.files.empty();
+    const std::size_t of_rsyslog = change.files.size();
     AddCut(kSyslogngConf, change.files);
     AddCut(kSyslogngProfile, change.files);
-    const bool of_syslogng = change.files.size() > (of_rsyslog ? 1U : 0U);
+    const bool of_syslogng = change.files.size() > of_rsyslog;
 
     const DaemonKind running = FindDaemon().kind;
-    if (running == DaemonKind::kRsyslog && of_rsyslog) {
+    if (running == DaemonKind::kRsyslog && of_rsyslog > 0) {
         change.commands = {kRestartRsyslog};
     } else if (running == DaemonKind::kSyslogng && of_syslogng) {
         change.commands = {kRestartAppArmor, kRestartSyslog};
@@ -166,15 +173,21 @@ HostChange RestoreForwarding(bool planned_only) {
     if (planned_only) {
         return change;
     }
-    std::for_each(change.files.begin(), change.files.end(), Apply);
+    std::string failures;
+    for (const FileChange& file : change.files) {
+        failures += Apply(file);
+    }
     if (!change.commands.empty()) {
         int status = 0;
         const std::string line = boost::algorithm::join(change.commands, "; ");
         if (RunCommand(
                 "umask 022; " + line, [] { return false; }, status) != Outcome::kDone ||
             status != 0) {
-            throw Poco::RuntimeException("[" + line + "] failed: restart the daemon yourself");
+            failures += "[" + line + "] failed, restart the daemon yourself; ";
         }
+    }
+    if (!failures.empty()) {
+        throw Poco::RuntimeException(failures + "the rest was done");
     }
     return change;
 }

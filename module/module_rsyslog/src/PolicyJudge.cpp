@@ -267,11 +267,12 @@ private:
         }
         if (Holds(path, "`")) {
             Of(DaemonKind::kSyslogng, true, key,
-               "holds a backtick: the daemon does not start any more", "rename the file");
+               "holds a backtick: the daemon puts something else in its place, or does not start "
+               "any "
+               "more",
+               "rename the file");
         }
-        if (path.front() != '/' || Holds(path, " !{}") || path.back() == ',' ||
-            std::count(path.begin(), path.end(), '[') !=
-                std::count(path.begin(), path.end(), ']')) {
+        if (path.front() != '/' || Holds(path, " !{}[]") || path.back() == ',') {
             Of(DaemonKind::kSyslogng, true, key,
                "makes the daemon's AppArmor profile one that does not compile, or allows something "
                "else",

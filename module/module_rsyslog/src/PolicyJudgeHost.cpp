@@ -1,10 +1,13 @@
 #include <glob.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <set>
 #include <system_error>
 
@@ -23,10 +26,15 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kPatience{3};
+constexpr std::chrono::seconds kSilence{30};
 constexpr int kIncludePathSize = 1024;
 
 // In place of the key for what concerns all files.
 const char* const kFiles = "content.log_path";
+
+std::string Describe(const ConfPlace& place) {
+    return place.file + ", line " + std::to_string(place.line) + " (" + place.text + ")";
+}
 
 void JudgeRsyslog(const RsyslogRules& rules, Findings& findings) {
     const std::string conf = kRsyslogConf;
@@ -52,7 +60,13 @@ void JudgeRsyslog(const RsyslogRules& rules, Findings& findings) {
                       "the directory of " + own + ", by the first include line of " + conf +
                           ", is missing: nothing is forwarded",
                       "make it");
-    } else if (!rules.reads_own) {
+    } else if (rules.other_default.line > 0) {
+        findings.Fail(kFiles,
+                      Describe(rules.other_default) +
+                          " leads what is read past the rules that forward it: nothing is "
+                          "forwarded",
+                      "bind the inputs that need that ruleset to it, each by itself");
+    } else if (!rules.reads_own && rules.whole) {
         findings.Fail(kFiles,
                       "no include line of " + conf + " takes " + own + ": nothing is forwarded",
                       "include /etc/rsyslog.d/*.conf in the first of them");
@@ -78,6 +92,15 @@ void JudgeSyslogng(Findings& findings) {
     }
 }
 
+// Directories are walked for it, and braces multiply.
+bool IsCheapPattern(const std::string& pattern) {
+    constexpr std::ptrdiff_t kMostBraces = 2;
+    constexpr std::ptrdiff_t kMostCommas = 20;
+    return pattern.find_first_of("*?[{") > pattern.rfind('/') &&
+           std::count(pattern.begin(), pattern.end(), '{') <= kMostBraces &&
+           std::count(pattern.begin(), pattern.end(), ',') <= kMostCommas;
+}
+
 bool Matches(const std::string& pattern) {
     glob_t found = {};
     const bool some = glob(pattern.c_str(), GLOB_BRACE | GLOB_NOSORT, nullptr, &found) == 0;
@@ -91,10 +114,8 @@ void JudgeFile(const WantedForwarding::File& file, DaemonKind kind, Findings& fi
     if (file.path.front() != '/') {
         return;
     }
-    if (const std::size_t wildcard = file.path.find_first_of(wildcards);
-        wildcard != std::string::npos) {
-        // Patterns of directories may take a walk through the whole file system.
-        if (wildcard > file.path.rfind('/') && !Matches(file.path)) {
+    if (file.path.find_first_of(wildcards) != std::string::npos) {
+        if (IsCheapPattern(file.path) && !Matches(file.path)) {
             findings.Warn(file.place.key, "no file matches " + file.path,
                           "nothing is forwarded until one does");
         }
@@ -113,11 +134,32 @@ void JudgeFile(const WantedForwarding::File& file, DaemonKind kind, Findings& fi
     }
 }
 
-void JudgeNames(const std::vector<Placed>& servers, Findings& findings) {
-    const auto end = Clock::now() + kPatience;
-    const auto stopping = [end] {
+// True in three seconds, or at a stop.
+std::function<bool()> Deadline() {
+    return [end = Clock::now() + kPatience] {
         return Clock::now() >= end || Framework::Engine::Instance().IsStopping();
     };
+}
+
+void JudgeFiles(const std::vector<WantedForwarding::File>& files, DaemonKind kind,
+                Findings& findings) {
+    const auto stopping = Deadline();
+    for (const auto& file : files) {
+        if (stopping()) {
+            findings.Warn(file.place.key,
+                          "this file and those behind it could not be looked at in time",
+                          "name fewer files");
+            return;
+        }
+        JudgeFile(file, kind, findings);
+    }
+}
+
+// Many documents that come together wait for silent name servers once.
+void JudgeNames(const std::vector<Placed>& servers, Findings& findings) {
+    static std::atomic<Clock::time_point> silent_until{Clock::time_point::min()};
+    const auto in_time = Deadline();
+    const auto stopping = [&] { return Clock::now() < silent_until.load() || in_time(); };
     for (const Placed& server : servers) {
         if (!MayBeName(server.text)) {
             continue;
@@ -129,13 +171,12 @@ void JudgeNames(const std::vector<Placed>& servers, Findings& findings) {
         } else if (outcome == Outcome::kStopped) {
             findings.Warn(server.key, "the name " + server.text + " could not be looked up in time",
                           "see to the name servers of this host: the daemon waits for them too");
+            if (in_time()) {
+                silent_until = Clock::now() + kSilence;
+            }
             return;
         }
     }
-}
-
-std::string Describe(const ConfPlace& place) {
-    return place.file + ", line " + std::to_string(place.line) + " (" + place.text + ")";
 }
 
 void JudgeReturn(const WantedForwarding::File& file, const Return& found, Findings& findings) {
@@ -222,7 +263,7 @@ void JudgeHost(const Json::Value& document, const SyslogDaemon& daemon, Findings
     if (wanted.files.empty()) {
         return;
     }
-    if (daemon.kind == DaemonKind::kNone) {
+    if (daemon.process == 0) {
         findings.Fail(kFiles, "neither rsyslog nor syslog-ng runs: nothing is forwarded",
                       "start one of them");
     } else if (daemon.kind == DaemonKind::kRsyslog) {
@@ -233,9 +274,7 @@ void JudgeHost(const Json::Value& document, const SyslogDaemon& daemon, Findings
         JudgeSyslogng(findings);
         JudgeCatchAll(wanted, daemon, findings);
     }
-    for (const auto& file : wanted.files) {
-        JudgeFile(file, daemon.kind, findings);
-    }
+    JudgeFiles(wanted.files, daemon.kind, findings);
     JudgeNames(wanted.servers, findings);
 }
 

@@ -83,7 +83,8 @@ void RsyslogTask::ConfirmForwarding() {
         if (look > 0) {
             std::this_thread::sleep_for(kLookPause);
         }
-        runs = FindDaemon().kind == kind;
+        const SyslogDaemon daemon = FindDaemon();
+        runs = daemon.kind == kind && daemon.process != 0;
     }
     std::string faults;
     for (const Framework::Verdict& verdict : AskDaemon(kind, stopping)) {

@@ -13,14 +13,19 @@
 #include <cstring>
 #include <deque>
 #include <future>
+#include <iterator>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "module/module_rsyslog/src/SyslogDaemon.h"
 #include "sdk/Descriptor.h"
+#include "sdk/FileUtils.h"
+#include "sdk/Paths.h"
 
 namespace Engine {
 
@@ -33,12 +38,30 @@ constexpr std::chrono::seconds kTermPatience{1};
 constexpr std::chrono::milliseconds kPause{20};
 
 constexpr std::size_t kMaxOutput = 16384;
-constexpr std::chrono::seconds kRestartSpan{10};
+// Where there is a lower one already it stays.
+const char* const kOutputLimit = "(ulimit -f 2048) 2>/dev/null && ulimit -f 2048; ";
+constexpr std::int64_t kRestartSpan = 100;  // tenths of a second
 constexpr std::size_t kRestartsInSpan = 3;
+constexpr std::size_t kMaxRestartsText = 1000;
 
 // Commands that a stop left running.
 std::vector<pid_t> left_running;
-std::deque<Clock::time_point> restarts;  // the last ones
+
+// The last restarts, in tenths of a second since the boot. Kept in a file too, for agents that
+// follow each other; one that cannot be read or written costs only that.
+std::deque<std::int64_t>& Restarts() {
+    static std::deque<std::int64_t> restarts = [] {
+        std::string text;
+        SDK::FileUtils::ReadFile(SDK::Paths::kRestarts, text, kMaxRestartsText);
+        std::istringstream numbers(text);
+        std::deque<std::int64_t> read(std::istream_iterator<std::int64_t>(numbers), {});
+        while (read.size() > kRestartsInSpan || (!read.empty() && read.back() > SinceBoot())) {
+            read.pop_back();
+        }
+        return read;
+    }();
+    return restarts;
+}
 
 bool AwaitEnd(pid_t process, Clock::time_point end, const std::function<bool()>& stopping,
               int* status = nullptr) {
@@ -175,13 +198,13 @@ Outcome Run(const std::string& command, const std::function<bool()>& stopping, i
         exit_status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
         return Outcome::kDone;
     }
-    if (stopping()) {
+    if (stopping() && output < 0) {
         // Not killed: half a restart would leave the host without its daemon.
         left_running.push_back(process);
         return Outcome::kStopped;
     }
     End(process);
-    return Outcome::kFailed;
+    return stopping() ? Outcome::kStopped : Outcome::kFailed;
 }
 
 }  // namespace
@@ -196,13 +219,14 @@ Outcome RunCommand(const std::string& command, const std::function<bool()>& stop
     if (file.Reset(memfd_create("output", MFD_CLOEXEC)) != 0) {
         return Outcome::kFailed;
     }
-    const Outcome outcome = Run("ulimit -f 2048; " + command, stopping, file.Get(), status);
+    const Outcome outcome = Run(kOutputLimit + command, stopping, file.Get(), status);
     output = outcome == Outcome::kDone ? ReadAll(file.Get()) : "";
     return outcome;
 }
 
 bool AwaitRestartTurn(const std::function<bool()>& stopping) {
-    while (restarts.size() >= kRestartsInSpan && Clock::now() - restarts.front() <= kRestartSpan) {
+    const auto& restarts = Restarts();
+    while (restarts.size() >= kRestartsInSpan && SinceBoot() - restarts.front() <= kRestartSpan) {
         if (stopping()) {
             return false;
         }
@@ -212,10 +236,16 @@ bool AwaitRestartTurn(const std::function<bool()>& stopping) {
 }
 
 void NoteRestart() {
-    restarts.push_back(Clock::now());
+    auto& restarts = Restarts();
+    restarts.push_back(SinceBoot());
     if (restarts.size() > kRestartsInSpan) {
         restarts.pop_front();
     }
+    std::string text;
+    for (const std::int64_t restart : restarts) {
+        text += std::to_string(restart) + "\n";
+    }
+    SDK::FileUtils::WriteFile(SDK::Paths::kRestarts, text, false);
 }
 
 Outcome LookUpHost(const std::string& host, in_addr& out, const std::function<bool()>& stopping) {

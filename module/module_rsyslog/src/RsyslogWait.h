@@ -17,8 +17,8 @@ enum class Outcome { kDone, kFailed, kStopped };
 // be started, or was killed as it had not ended after a minute. `status`, set
 // when it is done: its exit status, -1 when a signal ended it.
 Outcome RunCommand(const std::string& command, const std::function<bool()>& stopping, int& status);
-// The same for a command that leaves nothing running: it can write 1 MiB at most, of which
-// `output` gets the first 16 KiB.
+// The same for a command that leaves nothing running: a stop ends it, within a second, and it can
+// write 1 MiB at most, of which `output` gets the first 16 KiB.
 Outcome RunCommand(const std::string& command, const std::function<bool()>& stopping, int& status,
                    std::string& output);
 

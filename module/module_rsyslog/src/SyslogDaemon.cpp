@@ -1,8 +1,11 @@
 #include "module/module_rsyslog/src/SyslogDaemon.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <boost/algorithm/string/predicate.hpp>
 #include <boost/algorithm/string/replace.hpp>
+#include <boost/algorithm/string/trim.hpp>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -13,6 +16,7 @@
 
 #include "framework/Engine.h"
 #include "module/module_procs/src/ProcsFullTask.h"
+#include "module/module_rsyslog/src/MarkedBlock.h"
 #include "module/module_rsyslog/src/RsyslogInclude.h"
 #include "module/module_rsyslog/src/RsyslogWait.h"
 #include "sdk/PrivateFolder.h"
@@ -25,6 +29,7 @@ namespace fs = std::filesystem;
 
 // Of a trial, besides 0.
 constexpr int kRejected = 100;
+constexpr int kNoSuchCommand = 127;
 
 const char* const kAskRsyslog = "rsyslogd -N1";
 const char* const kAskSyslogng = "syslog-ng --syntax-only";
@@ -33,8 +38,14 @@ const char* const kAskAppArmor = "apparmor_parser -Q -K /etc/apparmor.d/sbin.sys
 const char* const kPath = "PATH=$PATH:/usr/sbin:/sbin; export PATH; ";
 
 std::vector<const char*> CommandsOf(DaemonKind kind) {
-    return kind == DaemonKind::kRsyslog ? std::vector<const char*>{kAskRsyslog}
-                                        : std::vector<const char*>{kAskSyslogng, kAskAppArmor};
+    if (kind == DaemonKind::kRsyslog) {
+        return {kAskRsyslog};
+    }
+    std::error_code error;
+    if (!fs::exists(kSyslogngProfile.path, error)) {
+        return {kAskSyslogng};
+    }
+    return {kAskSyslogng, kAskAppArmor};
 }
 
 // What a daemon says to every configuration, or of our part of it without harm: each is the pieces
@@ -75,36 +86,32 @@ std::string Quoted(const std::string& text) {
 // Commands of the shell that put the files as changed in the place of the host's. A new file needs
 // its directory as a whole; `folder` takes copies.
 std::string PutInPlace(const std::vector<Framework::FileChange>& changes,
-                       const std::string& folder) {
+                       const SDK::PrivateFolder& folder) {
     std::string script;
     int number = 0;
     for (const auto& change : changes) {
-        const std::string copy = folder + "/" + std::to_string(number++);
+        const std::string name = std::to_string(number++);
+        const std::string after = change.remains ? Quoted(folder.Write(name, change.after)) : "";
         if (change.existed && change.remains) {
-            std::ofstream(copy, std::ios::binary) << change.after;
-            script += "mount --bind " + Quoted(copy) + " " + Quoted(change.path) + " && ";
+            script += "mount --bind " + after + " " + Quoted(change.path) + " && ";
             continue;
         }
-        const fs::path directory = fs::path(change.path).parent_path();
-        fs::create_directory(copy);
-        std::error_code error;
-        fs::copy(directory, copy, fs::copy_options::recursive | fs::copy_options::copy_symlinks,
-                 error);
-        const std::string file = copy + "/" + fs::path(change.path).filename().string();
-        if (change.remains) {
-            std::ofstream(file, std::ios::binary | std::ios::trunc) << change.after;
-        } else {
-            fs::remove(file, error);
-        }
-        script += "mount --bind " + Quoted(copy) + " " + Quoted(directory.string()) + " && ";
+        const fs::path path = change.path;
+        const std::string directory = Quoted(path.parent_path().string());
+        const std::string copy = Quoted(folder.Path() + "/" + name + ".d");
+        const std::string file = copy + "/" + Quoted(path.filename().string());
+        script += "cp -RP " + directory + " " + copy + " && " +
+                  (change.remains ? "cp " + after + " " + file : "rm -f " + file) +
+                  " && mount --bind " + copy + " " + directory + " && ";
     }
     return script;
 }
 
 Framework::Verdict Try(const char* command, const std::string& put_in_place) {
     const std::string script = put_in_place + "{ " + command +
-                               "; status=$?; [ $status = 0 ] || exit " + std::to_string(kRejected) +
-                               "; }";
+                               "; status=$?; [ $status = " + std::to_string(kNoSuchCommand) +
+                               " ] && exit $status; [ $status = 0 ] || exit " +
+                               std::to_string(kRejected) + "; }";
     Framework::Verdict verdict;
     verdict.command = command;
     const std::string unshare =
@@ -112,11 +119,31 @@ Framework::Verdict Try(const char* command, const std::string& put_in_place) {
     int status = 0;
     std::string output;
     const Outcome outcome = RunCommand(
-        kPath + unshare + "sh -c " + Quoted(script), [] { return false; }, status, output);
+        kPath + unshare + "sh -c " + Quoted(script),
+        [] { return Framework::Engine::Instance().IsStopping(); }, status, output);
     verdict.asked = outcome == Outcome::kDone && (status == 0 || status == kRejected);
     verdict.words = OwnWords(output);
     verdict.accepted = verdict.asked && (status == 0 || verdict.words.empty());
     return verdict;
+}
+
+// What /proc tells of a process behind its name, which may hold anything: its state, its parent and
+// so on. Empty when it is gone.
+std::string StatusOf(int process) {
+    std::ifstream file("/proc/" + std::to_string(process) + "/stat");
+    std::string text;
+    std::getline(file, text);
+    const std::size_t name_end = text.rfind(')');
+    return name_end == std::string::npos ? "" : text.substr(name_end + 1);
+}
+
+// Of root or a system's account, and not ended: any user may give a process of his a daemon's name.
+bool MayBeDaemon(int process) {
+    constexpr uid_t kFirstUser = 1000;
+    struct stat status = {};
+    const std::string state = boost::trim_left_copy(StatusOf(process)).substr(0, 1);
+    return stat(("/proc/" + std::to_string(process)).c_str(), &status) == 0 &&
+           status.st_uid < kFirstUser && state != "Z" && state != "X";
 }
 
 }  // namespace
@@ -149,29 +176,22 @@ SyslogDaemon FindDaemon() {
     SyslogDaemon daemon;
     for (const auto& [pid, process] : processes) {
         const DaemonKind kind = KindOf(process->name);
-        if (daemon.kind == DaemonKind::kNone && kind != DaemonKind::kNone) {
+        if (daemon.kind == DaemonKind::kNone) {
             daemon.kind = kind;
-            daemon.process = pid;
         }
-        if (kind == daemon.kind && kind != DaemonKind::kNone) {
+        if (kind == daemon.kind && kind != DaemonKind::kNone && MayBeDaemon(pid)) {
             daemon.processes.push_back(pid);
         }
     }
+    daemon.process = daemon.processes.empty() ? 0 : daemon.processes.front();
     return daemon;
 }
 
 std::int64_t SyslogDaemon::Started() const {
-    std::ifstream file("/proc/" + std::to_string(process) + "/stat");
-    std::string text;
-    std::getline(file, text);
-    // Behind the name, which may hold anything, the 20th field.
-    const std::size_t name_end = text.rfind(')');
-    if (name_end == std::string::npos) {
-        return -1;
-    }
-    std::istringstream fields(text.substr(name_end + 1));
+    constexpr int kStartTime = 19;
+    std::istringstream fields(MayBeDaemon(process) ? StatusOf(process) : "");
     std::string field;
-    for (int i = 0; i < 19; ++i) {
+    for (int i = 0; i < kStartTime; ++i) {
         fields >> field;
     }
     std::int64_t ticks = -1;
@@ -185,7 +205,6 @@ std::int64_t SinceBoot() {
 }
 
 std::vector<Framework::Verdict> AskDaemon(DaemonKind kind, const std::function<bool()>& stopping) {
-    constexpr int kNoSuchCommand = 127;
     std::vector<Framework::Verdict> verdicts;
     for (const char* command : CommandsOf(kind)) {
         Framework::Verdict verdict;
@@ -205,10 +224,9 @@ std::vector<Framework::Verdict> AskDaemon(DaemonKind kind, const std::function<b
 std::vector<Framework::Verdict> AskAbout(DaemonKind kind,
                                          const std::vector<Framework::FileChange>& changes) {
     const SDK::PrivateFolder folder;
-    const std::string put_in_place = PutInPlace(changes, folder.Path());
     std::vector<Framework::Verdict> verdicts;
     for (const char* command : CommandsOf(kind)) {
-        verdicts.push_back(Try(command, put_in_place));
+        verdicts.push_back(Try(command, PutInPlace(changes, folder)));
     }
     return verdicts;
 }

@@ -21,11 +21,12 @@ const char* Name(DaemonKind kind);
 // What the name of a process makes of it.
 DaemonKind KindOf(const std::string& process_name);
 
-// The process that decides which daemon is configured: the first one, by number, whose name tells.
+// The daemon that is configured: of the kind that the first process, by number, whose name tells
+// makes it.
 struct SyslogDaemon {
     DaemonKind kind = DaemonKind::kNone;
-    int process = 0;
-    std::vector<int> processes;  // all of that kind, it among them
+    int process = 0;             // the first that may be the daemon; 0 when none may
+    std::vector<int> processes;  // all of them
 
     // Tenths of a second from the system's boot to the start of the process, whatever becomes of
     // the clock; -1 when it is gone.

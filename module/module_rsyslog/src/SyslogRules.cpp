@@ -12,10 +12,14 @@
 #include <boost/algorithm/string/split.hpp>
 #include <boost/algorithm/string/trim.hpp>
 #include <cctype>
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <optional>
+#include <system_error>
 
+#include "module/module_rsyslog/src/MarkedBlock.h"
 #include "module/module_rsyslog/src/RsyslogInclude.h"
 #include "sdk/FileUtils.h"
 
@@ -27,7 +31,7 @@ namespace fs = std::filesystem;
 using Strings = std::vector<std::string>;
 using Mask = std::array<Takes, 8>;
 
-constexpr std::size_t kMaxConfSize = 1 << 20;  // bytes of one file
+constexpr std::size_t kMaxBytes = 32 << 20;  // of all files
 constexpr int kMaxFiles = 1000;
 constexpr int kMaxDepth = 8;
 constexpr std::size_t kMaxText = 100;
@@ -163,6 +167,21 @@ std::string Parameter(const std::string& text, const std::string& name) {
     return {};
 }
 
+// Where the bracket that opens first from there on is closed; brackets in quotes don't count.
+std::size_t FindClosing(const std::string& text, std::size_t from) {
+    bool quoted = false;
+    for (std::size_t at = from; at < text.size(); ++at) {
+        if (text[at] == '\\' && quoted) {
+            ++at;
+        } else if (text[at] == '"') {
+            quoted = !quoted;
+        } else if (text[at] == ')' && !quoted) {
+            return at;
+        }
+    }
+    return text.size();
+}
+
 // The messages that a selector takes, as in "*.*;auth,authpriv.none".
 Mask Selected(const std::string& selector) {
     Mask mask = All(Takes::kNo);
@@ -209,6 +228,7 @@ public:
                 Actions(ruleset.text, All(Takes::kPerhaps));
             }
         }
+        ResolveNames();
         return std::move(rules_);
     }
 
@@ -220,15 +240,23 @@ private:
             rules_.stopped_before = stops_;
             return;
         }
-        if (depth > kMaxDepth || ++files_read_ > kMaxFiles ||
-            SDK::FileUtils::ReadFile(path, text, kMaxConfSize) != 0) {
+        if (depth > kMaxDepth || ++files_read_ > kMaxFiles) {
+            rules_.whole = false;
             return;
         }
+        if (const int error = SDK::FileUtils::ReadFile(path, text, bytes_left_); error != 0) {
+            rules_.whole &= error != EFBIG;
+            return;
+        }
+        bytes_left_ -= text.size();
         for (const Statement& statement : Splitter(text).Split()) {
             place_ = {path, statement.line, statement.text.substr(0, kMaxText)};
+            // Words are as good in capitals and with a blank behind them.
             std::string text_now = statement.text;
-            for (const char* word : {"action", "include", "module", "ruleset", "input"}) {
-                boost::replace_all(text_now, std::string(word) + " (", std::string(word) + "(");
+            for (const std::string word : {"action", "include", "module", "ruleset", "input",
+                                           "template", "global", "main_queue"}) {
+                boost::ireplace_all(text_now, word + " (", word + "(");
+                boost::ireplace_all(text_now, word + "(", word + "(");
             }
             Take(text_now, depth);
         }
@@ -240,6 +268,19 @@ private:
             Include(boost::trim_copy(text.substr(14)), depth);
         } else if (begins("include(")) {
             Include(Parameter(text, "file"), depth);
+        } else if (begins("$template") || begins("$outchannel")) {
+            // NAME,"/var/log/%HOSTNAME%.log" or NAME,/var/log/app.log,SIZE,COMMAND
+            Strings parts;
+            boost::split(parts, text.substr(text.find_first_of(" \t\n,")), boost::is_any_of(","));
+            for (std::string& part : parts) {
+                boost::trim_if(part, boost::is_any_of(" \t\""));
+            }
+            parts.resize(2);
+            files_by_name_[(begins("$template") ? "" : "$") + parts[0]] = parts[1];
+        } else if (begins("template(")) {
+            files_by_name_[Parameter(text, "name")] = Parameter(text, "string");
+        } else if (begins("$DefaultRuleset")) {
+            rules_.other_default = place_;
         } else if (begins("$RuleSet")) {
             default_ruleset_ = boost::icontains(text, "RSYSLOG_DefaultRuleset");
         } else if (begins("$ModLoad") || begins("module(")) {
@@ -269,12 +310,12 @@ private:
     }
 
     void Rule(const std::string& text) {
-        calls_ |= boost::contains(text, "call");
+        calls_ |= boost::icontains(text, "call");
         if (boost::starts_with(text, "ruleset")) {
             rulesets_.push_back({place_, text.substr(std::min(text.find('{'), text.size()))});
         } else if (std::string("$!+").find(text[0]) != std::string::npos ||
-                   boost::starts_with(text, "template") || boost::starts_with(text, "input(") ||
-                   boost::starts_with(text, "global(") || boost::starts_with(text, "main_queue(")) {
+                   boost::starts_with(text, "input(") || boost::starts_with(text, "global(") ||
+                   boost::starts_with(text, "main_queue(")) {
             return;  // blocks of programs and hosts have no effect either
         } else if (text[0] == '&') {
             Actions(text.substr(1), filter_);
@@ -283,11 +324,11 @@ private:
             const std::size_t value = text.rfind('"');
             filter_ = All(Takes::kPerhaps);
             Actions(value == std::string::npos ? "" : text.substr(value + 1), filter_);
-        } else if (boost::starts_with(text, "if") && text.size() > 2 &&
+        } else if (boost::istarts_with(text, "if") && text.size() > 2 &&
                    (IsBlank(text[2]) || text[2] == '(')) {
             filter_ = All(Takes::kPerhaps);
             Condition(text);
-        } else if (boost::starts_with(text, "action(") || boost::starts_with(text, "stop") ||
+        } else if (boost::starts_with(text, "action(") || boost::istarts_with(text, "stop") ||
                    text[0] == '~') {
             filter_ = All(Takes::kYes);
             Actions(text, filter_);
@@ -308,7 +349,8 @@ private:
             const bool ends =
                 at + 4 < rest.size() && (IsBlank(rest[at + 4]) || rest[at + 4] == '{');
             if (starts && ends &&
-                (rest.compare(at, 4, "then") == 0 || rest.compare(at, 4, "else") == 0)) {
+                (boost::iequals(rest.substr(at, 4), "then") ||
+                 boost::iequals(rest.substr(at, 4), "else"))) {
                 rest.replace(at, 4, "\n\n\n\n");
             }
         }
@@ -321,10 +363,11 @@ private:
         std::size_t from = 0;
         for (std::size_t at; (at = text.find("action(", from)) != std::string::npos;) {
             rest += text.substr(from, at - from) + "\n";
-            from = std::min(text.find(')', at), text.size());
+            from = FindClosing(text, at);
             const std::string action = text.substr(at, from - at);
-            if (Parameter(action, "type") == "omfile") {
+            if (boost::iequals(Parameter(action, "type"), "omfile")) {
                 Writes(Parameter(action, "file"), filter);
+                WritesNamed(Parameter(action, "dynafile"), filter);
             }
         }
         rest += text.substr(from);
@@ -332,25 +375,39 @@ private:
         boost::split(lines, rest, boost::is_any_of("\n{}"));
         for (std::string& line : lines) {
             boost::trim_if(line, [](char c) { return IsBlank(c) || c == ')' || c == ';'; });
-            const std::size_t start = boost::starts_with(line, "-") ? 1 : 0;
-            if (line.compare(start, 1, "/") == 0) {
-                Writes(line.substr(start, line.find_first_of("; \t", start) - start), filter);
-            } else if (boost::starts_with(line, ":omfile:/")) {
-                Writes(line.substr(8, line.find_first_of("; \t") - 8), filter);
-            } else if (line.compare(0, 2, "|/") == 0) {
-                Writes(line.substr(1, line.find_first_of("; \t") - 1), filter);
-            } else if (line == "~" || line == "stop" || boost::starts_with(line, "stop ") ||
-                       boost::starts_with(line, "stop\t")) {
-                Stop(filter);
-            } else if (const std::size_t blank = line.find_first_of(" \t");
-                       blank != std::string::npos && line.find('.') < blank) {
+            const std::size_t blank = line.find_first_of(" \t");
+            if (!Action(line, filter) && blank != std::string::npos && line.find('.') < blank) {
                 Mask both = Selected(line.substr(0, blank));  // a selector within braces
                 for (std::size_t k = 0; k < both.size(); ++k) {
                     both[k] = std::min(both[k], filter[k]);
                 }
-                Actions(line.substr(blank), both);
+                Action(boost::trim_copy(line.substr(blank)), both);
             }
         }
+    }
+
+    // An action of the old style; false when the line is none.
+    bool Action(const std::string& line, const Mask& filter) {
+        const std::size_t start = boost::starts_with(line, "-") ? 1 : 0;
+        const auto word = [&line](std::size_t from) {
+            return line.substr(from, line.find_first_of("; \t", from) - from);
+        };
+        if (line.compare(start, 1, "/") == 0) {
+            Writes(word(start), filter);
+        } else if (line.compare(start, 1, "?") == 0) {
+            WritesNamed(word(start + 1), filter);
+        } else if (boost::starts_with(line, ":omfile:$")) {
+            WritesNamed(word(8), filter);
+        } else if (boost::starts_with(line, ":omfile:/")) {
+            Writes(word(8), filter);
+        } else if (line.compare(0, 2, "|/") == 0) {
+            Writes(word(1), filter);
+        } else if (line == "~" || boost::iequals(word(0), "stop")) {
+            Stop(filter);
+        } else {
+            return false;
+        }
+        return true;
     }
 
     Takes Reaches(std::size_t k, const Mask& filter) const {
@@ -365,6 +422,33 @@ private:
         if (!file.empty()) {
             rules_.files.push_back(rule);
         }
+    }
+
+    // Where the configuration has the file under a name, it may be this one or that.
+    void WritesNamed(const std::string& name, const Mask& filter) {
+        Mask perhaps = filter;
+        for (Takes& takes : perhaps) {
+            takes = std::min(takes, Takes::kPerhaps);
+        }
+        Writes(name.empty() ? "" : "?" + name, perhaps);
+    }
+
+    // Names may be given behind their use. What a template fills in matches anything.
+    void ResolveNames() {
+        for (FileRule& rule : rules_.files) {
+            if (rule.file.front() == '?') {
+                const std::string& text = files_by_name_[rule.file.substr(1)];
+                rule.file.clear();
+                Strings pieces;
+                boost::split(pieces, text, boost::is_any_of("%"));
+                for (std::size_t i = 0; i < pieces.size(); ++i) {
+                    rule.file += i % 2 == 0 ? pieces[i] : "*";
+                }
+            }
+        }
+        rules_.files.erase(std::remove_if(rules_.files.begin(), rules_.files.end(),
+                                          [](const FileRule& rule) { return rule.file.empty(); }),
+                           rules_.files.end());
     }
 
     void Stop(const Mask& filter) {
@@ -392,9 +476,11 @@ private:
         std::string text;
     };
     std::vector<Ruleset> rulesets_;
-    bool calls_ = false;  // one of those, perhaps
+    bool calls_ = false;                                // one of those, perhaps
+    std::map<std::string, std::string> files_by_name_;  // of templates and "$" output channels
     bool default_ruleset_ = true;
     int files_read_ = 0;
+    std::size_t bytes_left_ = kMaxBytes;
 };
 
 // The strongest way from forwarded file to forwarded file, over any number of rules.
@@ -408,6 +494,14 @@ void Close(Ways& ways) {
             }
         }
     }
+}
+
+// Either may be a pattern, or another name of the file.
+bool AreSame(const std::string& path, const std::string& written) {
+    std::error_code error;
+    return path == written || fnmatch(path.c_str(), written.c_str(), FNM_PATHNAME) == 0 ||
+           fnmatch(written.c_str(), path.c_str(), FNM_PATHNAME) == 0 ||
+           fs::equivalent(path, written, error);
 }
 
 // The file's rule that takes most of what comes back to it.
@@ -445,7 +539,7 @@ std::vector<Return> FindReturns(const RsyslogRules& rules, const std::vector<std
         const std::string path = CanonicalPath(files[to]);
         for (const FileRule& rule : rules.files) {
             const std::string written = CanonicalPath(rule.file);
-            if (written != path && fnmatch(path.c_str(), written.c_str(), FNM_PATHNAME) != 0) {
+            if (!AreSame(path, written)) {
                 continue;
             }
             writers[to].push_back(&rule);

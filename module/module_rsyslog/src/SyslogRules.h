@@ -26,11 +26,14 @@ struct FileRule {
 
 // What rsyslog's configuration says of files, with those that it includes, but for the one that the
 // agent writes. Selectors are read as the daemon does; of conditions it is known only that they may
-// hold. What cannot be read is passed over. Linear in the length of the texts.
+// hold. What cannot be read is passed over, as is what is behind 32 MiB, 1000 files or eight
+// includes in each other. Linear in the length of the texts.
 struct RsyslogRules {
     std::vector<FileRule> files;  // in the order in which a message meets them
     std::vector<ConfPlace> imfile_loads;
-    bool reads_own = false;  // the file that the agent writes is among those included
+    bool reads_own = false;   // the file that the agent writes is among those included
+    ConfPlace other_default;  // makes another ruleset the default one; a line of 0: none does
+    bool whole = true;        // nothing was left out for its size, number or depth
     // For local0 to local7: where the message is stopped, or may be, before it is forwarded; a line
     // of 0 where it is not.
     std::array<ConfPlace, 8> stopped_before;

@@ -61,6 +61,12 @@ TEST(Rules, AreReadAsTheDaemonDoes) {
          "/c yes@6 /a perhaps@1 /b no@1"},
         {"/* *.* /a\n*/ *.* /b # c\n!prog\n*.* /d\n!*\n*.* /e\n", "/b yes@2 /d yes@4 /e yes@6"},
         {"*.* action (type=\"omfile\" file=\"/a\")\n*.* :omfile:/b;tpl\n", "/a yes@1 /b yes@2"},
+        {"*.* ACTION (TYPE=\"omfile\" name=\"a)\" File=\"/a\")\nIF $msg == 'x' THEN STOP\n*.* /b\n",
+         "/a yes@1 /b perhaps@3"},
+        {"*.* ?later\n$template later,\"/a/%HOSTNAME%.log\"\nlocal1.none -?t;x\n"
+         "*.* action(type=\"omfile\" dynaFile=\"t\")\ntemplate(name=\"t\" type=\"string\" "
+         "string=\"/b%x%\")\n$outchannel o, /c, 10\n*.* :omfile:$o\n",
+         "/a/*.log perhaps@1 /b* no@3 /b* perhaps@4 /c perhaps@7"},
         {"*.* @server\n*.* |pipe\n*.emerg :omusrmsg:*\n*.* root\n*.* ?dyna\n$FileOwner /x\n", ""},
         {"$Include /x\n*.\n.\n;\n*.* \n\"\n(((\n*.* /a\n", "/a no@7"},
     };
@@ -68,6 +74,22 @@ TEST(Rules, AreReadAsTheDaemonDoes) {
         WriteText("/tmp/rules.conf", text);
         EXPECT_EQ(rules, Summary(RsyslogRules::Read("/tmp/rules.conf"))) << text;
     }
+}
+
+TEST(Rules, AreReadWhateverTheirLength) {
+    std::string text = "*.* ";
+    for (int i = 0; i < 200'000; ++i) {
+        text += "a.b ";
+    }
+    WriteText("/tmp/rules.conf", text + "\n*.* /a\n");
+    const RsyslogRules rules = RsyslogRules::Read("/tmp/rules.conf");
+    EXPECT_EQ("/a yes@2", Summary(rules));
+    EXPECT_TRUE(rules.whole);
+    EXPECT_EQ(0, rules.other_default.line);
+    WriteText("/tmp/rules.conf", "*.* /a\n$DefaultRuleset x\n");
+    EXPECT_EQ(2, RsyslogRules::Read("/tmp/rules.conf").other_default.line);
+    std::filesystem::resize_file("/tmp/rules.conf", 33 << 20);
+    EXPECT_FALSE(RsyslogRules::Read("/tmp/rules.conf").whole);
 }
 
 TEST(Rules, StandWhereTheyAreIncluded) {
