@@ -4,7 +4,7 @@ namespace Engine {
 
 namespace {
 
-constexpr std::int64_t kLookPause = 100;  // tenths of a second
+constexpr std::int64_t kLookPause = 1000;  // hundredths of a second
 
 }  // namespace
 

@@ -42,7 +42,7 @@ private:
     bool wanted_ = false;
     SyslogDaemon daemon_;
     std::int64_t started_ = -1;  // of daemon_'s process
-    std::int64_t looked_ = 0;    // since boot, in tenths of a second, as the next
+    std::int64_t looked_ = 0;    // since boot, in hundredths of a second, as the next
     std::int64_t written_ = -1;
     std::string path_;  // empty: nothing written
     SDK::FileStamp stamp_;

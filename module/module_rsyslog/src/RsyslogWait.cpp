@@ -40,14 +40,14 @@ constexpr std::chrono::milliseconds kPause{20};
 constexpr std::size_t kMaxOutput = 16384;
 // Where there is a lower one already it stays.
 const char* const kOutputLimit = "(ulimit -f 2048) 2>/dev/null && ulimit -f 2048; ";
-constexpr std::int64_t kRestartSpan = 100;  // tenths of a second
+constexpr std::int64_t kRestartSpan = 1000;  // hundredths of a second
 constexpr std::size_t kRestartsInSpan = 3;
 constexpr std::size_t kMaxRestartsText = 1000;
 
 // Commands that a stop left running.
 std::vector<pid_t> left_running;
 
-// The last restarts, in tenths of a second since the boot. Kept in a file too, for agents that
+// The last restarts, in hundredths of a second since the boot. Kept in a file too, for agents that
 // follow each other; one that cannot be read or written costs only that.
 std::deque<std::int64_t>& Restarts() {
     static std::deque<std::int64_t> restarts = [] {
@@ -96,7 +96,8 @@ pid_t Start(const std::string& command, int output) {
             posix_spawn_file_actions_adddup2(&actions, output, stream);
         }
     }
-    std::string text = command;
+    // The service manager listens to the agent alone, and complains of others.
+    std::string text = "unset NOTIFY_SOCKET; " + command;
     char shell[] = "sh";
     char option[] = "-c";
     char* const arguments[] = {shell, option, text.data(), nullptr};

@@ -195,13 +195,13 @@ std::int64_t SyslogDaemon::Started() const {
         fields >> field;
     }
     std::int64_t ticks = -1;
-    return fields >> ticks ? ticks * 10 / sysconf(_SC_CLK_TCK) : -1;
+    return fields >> ticks ? ticks * 100 / sysconf(_SC_CLK_TCK) : -1;
 }
 
 std::int64_t SinceBoot() {
     timespec now = {};
     clock_gettime(CLOCK_BOOTTIME, &now);
-    return static_cast<std::int64_t>(now.tv_sec) * 10 + now.tv_nsec / 100'000'000;
+    return static_cast<std::int64_t>(now.tv_sec) * 100 + now.tv_nsec / 10'000'000;
 }
 
 std::vector<Framework::Verdict> AskDaemon(DaemonKind kind, const std::function<bool()>& stopping) {

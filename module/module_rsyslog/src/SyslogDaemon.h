@@ -28,7 +28,7 @@ struct SyslogDaemon {
     int process = 0;             // the first that may be the daemon; 0 when none may
     std::vector<int> processes;  // all of them
 
-    // Tenths of a second from the system's boot to the start of the process, whatever becomes of
+    // Hundredths of a second from the system's boot to the start of the process, whatever becomes of
     // the clock; -1 when it is gone.
     std::int64_t Started() const;
 };
@@ -36,7 +36,7 @@ struct SyslogDaemon {
 // Of the processes as they are now; none where module_procs is not loaded. Any thread.
 SyslogDaemon FindDaemon();
 
-// Tenths of a second since the system's boot.
+// Hundredths of a second since the system's boot.
 std::int64_t SinceBoot();
 
 // What the daemon says of its configuration as it stands, and AppArmor's compiler of the profile of
