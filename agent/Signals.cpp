@@ -44,8 +44,8 @@ void Install() {
     Handle({SIGHUP, SIGPIPE, SIGXFSZ}, Ignore);
 }
 
-void StopBy(void (*stop)()) {
-    stop_by = stop;
+void StopBy(void (*call)()) {
+    stop_by = call;
     Handle({SIGTERM, SIGINT}, CallStop);
 }
 

@@ -10,7 +10,7 @@ namespace Signals {
 void Install();
 
 // SIGTERM and SIGINT call that instead, which may do only what a handler may.
-void StopBy(void (*stop)());
+void StopBy(void (*call)());
 
 // A write past the limit of a file's size is an error of that write alone.
 void OutliveFileLimit();

@@ -173,7 +173,7 @@ TEST(Task, RunsOnceAPeriodWithoutCatchingUpWhateverMessagesAndFaultsCome) {
     EXPECT_LT(status.began, status.due);
     EXPECT_LT(status.due - status.began, 1'100'000);
     const auto& counts = status.cycles.counts;
-    EXPECT_LE(4U, std::accumulate(counts.begin(), counts.end(), 0U));
+    EXPECT_LE(4U, std::accumulate(counts.begin(), counts.end(), std::uint64_t{0}));
     EXPECT_LE(1U, counts[4]) << "the one of more than a second";
     EXPECT_LT(2.1, status.cycles.sum.count());
     engine.StopTask("busy");

@@ -28,8 +28,8 @@ struct SyslogDaemon {
     int process = 0;             // the first that may be the daemon; 0 when none may
     std::vector<int> processes;  // all of them
 
-    // Hundredths of a second from the system's boot to the start of the process, whatever becomes of
-    // the clock; -1 when it is gone.
+    // Hundredths of a second from the system's boot to the start of the process, whatever becomes
+    // of the clock; -1 when it is gone.
     std::int64_t Started() const;
 };
 

@@ -216,7 +216,7 @@ Mask Selected(const std::string& selector) {
 }
 
 // Walks through statements and notes what becomes of messages.
-class Reader {
+class ConfReader {
 public:
     RsyslogRules Read(const std::string& conf) {
         const auto directories = FindIncludeDirectories(conf);
@@ -526,7 +526,7 @@ Return Judge(const std::vector<const FileRule*>& rules, const Ways& ways, std::s
 }  // namespace
 
 RsyslogRules RsyslogRules::Read(const std::string& conf) {
-    return Reader().Read(conf);
+    return ConfReader().Read(conf);
 }
 
 std::vector<Return> FindReturns(const RsyslogRules& rules, const std::vector<std::string>& files,
