@@ -53,8 +53,11 @@ int PublishedFile::Create() const {
         file = open(beside_.c_str(), kFlags, mode_);
     } else if (file < 0 && errno == ENOENT) {
         const std::string directory = path_.substr(0, path_.rfind('/'));
-        if (mkdir(directory.c_str(), kDirectoryMode) == 0 &&
-            chmod(directory.c_str(), kDirectoryMode) == 0) {  // whatever the umask
+        if (mkdir(directory.c_str(), kDirectoryMode) == 0) {
+            // Whatever the umask, but not of what somebody has put there meanwhile.
+            SDK::Descriptor made;
+            made.Reset(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+            fchmod(made.Get(), kDirectoryMode);
             file = open(beside_.c_str(), kFlags, mode_);
         }
     }

@@ -15,7 +15,7 @@ namespace Framework {
 
 namespace {
 
-constexpr std::size_t kMaxRefused = 50;
+constexpr std::size_t kMaxRefused = 1000;
 
 // Runs `step`; an exception becomes an error line that starts with `what`.
 template <typename Step>

@@ -4,6 +4,7 @@
 #include <Poco/Exception.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <boost/algorithm/string/join.hpp>
 #include <boost/algorithm/string/predicate.hpp>
 #include <boost/algorithm/string/trim.hpp>
@@ -29,6 +30,7 @@ using Framework::FileChange;
 using Framework::HostChange;
 
 constexpr int kIncludePathSize = 1024;
+const std::string kDebianDirectory = "/etc/rsyslog.d/";
 
 // The file as it is.
 FileChange Read(const std::string& path) {
@@ -149,7 +151,11 @@ HostChange PlanForwarding(const RsyslogPolicy::RSYSLOG_POLICY& settings) {
 
 HostChange RestoreForwarding(bool planned_only) {
     HostChange change;
-    for (const auto& directory : FindIncludeDirectories()) {
+    std::vector<std::string> directories = FindIncludeDirectories();
+    if (std::find(directories.begin(), directories.end(), kDebianDirectory) == directories.end()) {
+        directories.push_back(kDebianDirectory);  // rsyslog may be gone with its configuration
+    }
+    for (const auto& directory : directories) {
         FileChange file = Read(directory + kRsyslogIncludeFile);
         file.remains = false;
         file.after.clear();

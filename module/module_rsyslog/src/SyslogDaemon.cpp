@@ -140,10 +140,11 @@ std::string StatusOf(int process) {
 // Of root or a system's account, and not ended: any user may give a process of his a daemon's name.
 bool MayBeDaemon(int process) {
     constexpr uid_t kFirstUser = 1000;
+    constexpr uid_t kNobody = 65534;
     struct stat status = {};
     const std::string state = boost::trim_left_copy(StatusOf(process)).substr(0, 1);
     return stat(("/proc/" + std::to_string(process)).c_str(), &status) == 0 &&
-           status.st_uid < kFirstUser && state != "Z" && state != "X";
+           (status.st_uid < kFirstUser || status.st_uid == kNobody) && state != "Z" && state != "X";
 }
 
 }  // namespace
