@@ -159,6 +159,10 @@ int Watchpost::main(const std::vector<std::string>& arguments) {
                       << std::flush;
             return static_cast<int>(EXIT_OK);
         }
+        // Files are opened through it: without it none would seem to exist.
+        if (access("/proc/self/fd", F_OK) != 0) {
+            throw StartError{EXIT_OSFILE, "/proc is not mounted"};
+        }
         if (command_ != nullptr) {
             return RunCommand(arguments);
         }
