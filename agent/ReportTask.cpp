@@ -4,12 +4,16 @@
 #include <Poco/Environment.h>
 #include <sys/statvfs.h>
 
+#include <array>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <new>
+#include <random>
 
 #include "framework/Log.h"
 #include "sdk/JsonUtils.h"
+#include "sdk/ReadMark.h"
 
 namespace {
 
@@ -17,9 +21,18 @@ constexpr std::size_t kQueueCapacity = 1024;
 constexpr std::size_t kMaxTypes = 100;
 constexpr long kRetryMs = 1000;
 
+// Names one start of an agent for ever: the clock may have been set back, so chance has a say too.
+std::string NameStart() {
+    std::array<char, 32> name{};
+    std::snprintf(name.data(), name.size(), "%016llx%08x",
+                  static_cast<unsigned long long>(SDK::ReadMark::Now()), std::random_device()());
+    return name.data();
+}
+
 }  // namespace
 
-std::string FormatReport(const Framework::DataMessage& message, const std::string& host) {
+std::string FormatReport(const Framework::DataMessage& message, const std::string& host,
+                         const std::string& id) {
     const auto quoted = [](const std::string& text) {
         return SDK::JsonUtils::JsonToString(Json::Value(text));
     };
@@ -33,12 +46,14 @@ std::string FormatReport(const Framework::DataMessage& message, const std::strin
         Poco::DateTimeFormatter::format(message.Created(), "%Y-%m-%dT%H:%M:%S.%iZ");
     return "{\"time\":\"" + time + "\",\"host\":" + quoted(host) +
            ",\"task\":" + quoted(message.Sender()) + ",\"type\":" + quoted(message.Type()) +
-           ",\"content\":" + SDK::JsonUtils::JsonToString(content) + "}";
+           ",\"content\":" + SDK::JsonUtils::JsonToString(content) +
+           ",\"id\":" + quoted(host + "-" + id) + "}";
 }
 
 ReportTask::ReportTask(const std::string& path)
     : Framework::Task(kName, "", Framework::TaskCondition::kPeriodic, kQueueCapacity),
-      file_(path) {}
+      file_(path),
+      start_(NameStart()) {}
 
 void ReportTask::HandleMsg(const Framework::Message* message) {
     const auto* report = dynamic_cast<const Framework::DataMessage*>(message);
@@ -75,7 +90,10 @@ void ReportTask::HandleMsg(const Framework::Message* message) {
 int ReportTask::Write(const Framework::DataMessage& report) {
     try {
         if (line_.empty()) {
-            line_ = FormatReport(report, Poco::Environment::nodeName()) + "\n";
+            line_ = FormatReport(report, Poco::Environment::nodeName(),
+                                 start_ + "-" + std::to_string(number_ + 1)) +
+                    "\n";
+            ++number_;
         }
         return file_.Append(line_);
     } catch (const std::bad_alloc&) {

@@ -21,9 +21,10 @@ struct ReportCounts {
 
 // The task that reports are sent to, "data_comm_report_task": appends each DataMessage to the
 // report file as one line of JSON,
-//   {"time":T,"host":H,"task":SENDER,"type":TYPE,"content":C}
+//   {"time":T,"host":H,"task":SENDER,"type":TYPE,"content":C,"id":"HOST-START-NUMBER"}
 // T is UTC, ISO 8601 with milliseconds; C an object where the message's text is a JSON object,
-// otherwise that text as a string. Lines are pure ASCII. A file that was moved or removed is
+// otherwise that text as a string. No two lines anywhere have the same id: START names this object,
+// NUMBER counts its lines from 1. Lines are pure ASCII. A file that was moved or removed is
 // created anew before the next line. A line that cannot be written whole, the disk being full or
 // the file's directory gone or memory short for instance, is tried again each second, senders
 // waiting meanwhile; only a stop gives up, with an error line that counts what is lost.
@@ -55,12 +56,15 @@ private:
     bool IsHopeless(std::size_t size) const;
 
     SDK::LineFile file_;
-    std::string line_;      // the one being written, formatted
-    bool no_room_ = false;  // the last failure was for lack of room
+    const std::string start_;
+    std::uint64_t number_ = 0;  // of the line formatted last
+    std::string line_;          // the one being written, formatted
+    bool no_room_ = false;      // the last failure was for lack of room
     unsigned long lost_ = 0;
     mutable std::mutex counts_mutex_;
     ReportCounts counts_;  // altered by this task's thread alone, which reads it without the mutex
 };
 
-// The line of one report, without its newline.
-std::string FormatReport(const Framework::DataMessage& message, const std::string& host);
+// The line of one report, without its newline. `id`: START-NUMBER.
+std::string FormatReport(const Framework::DataMessage& message, const std::string& host,
+                         const std::string& id);

@@ -5,6 +5,7 @@
 #include <Poco/Util/Option.h>
 #include <sysexits.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <iterator>
@@ -96,6 +97,15 @@ const Setting* Find(const char* Setting::*member, const std::string& name) {
     return nullptr;
 }
 
+// Whether the key's first word is one that the agent's own keys begin with, or there is but one.
+bool IsOwn(const std::string& key) {
+    const std::size_t dot = key.find('.');
+    return dot == std::string::npos ||
+           std::any_of(std::begin(kSettings), std::end(kSettings), [&](const Setting& setting) {
+               return setting.key != nullptr && key.compare(0, dot + 1, setting.key, dot + 1) == 0;
+           });
+}
+
 std::string Checked(const Setting& setting, const std::string& value, int status,
                     const std::string& name) {
     if (setting.kind == nullptr) {
@@ -166,15 +176,40 @@ void Settings::ReadFile(const std::string& otherwise) {
         }
         const std::string key = Poco::trim(line.substr(0, sign));
         const Setting* setting = Find(&Setting::key, key);
-        if (setting == nullptr) {
+        if (setting == nullptr && IsOwn(key)) {
             throw StartError{EX_CONFIG, place + "unknown key " + key};
         }
         const std::string value = Poco::trim(line.substr(sign + 1));
-        if (!values.emplace(key, Checked(*setting, value, EX_CONFIG, place + key)).second) {
+        const bool first =
+            setting == nullptr
+                ? module_settings_.emplace(key, ModuleSetting{value, place}).second
+                : values.emplace(key, Checked(*setting, value, EX_CONFIG, place + key)).second;
+        if (!first) {
             throw StartError{EX_CONFIG, place + key + " is set a second time"};
         }
     }
     values_.merge(values);  // keeps what is there
+}
+
+void Settings::ExpectOnly(const std::set<std::string>& keys) const {
+    for (const auto& [key, setting] : module_settings_) {
+        if (keys.count(key) == 0) {
+            throw StartError{EX_CONFIG, setting.place + "unknown key " + key};
+        }
+    }
+}
+
+std::map<std::string, std::string> Settings::ByKey() const {
+    std::map<std::string, std::string> all;
+    for (const Setting& setting : kSettings) {
+        if (setting.key != nullptr && (IsSet(setting.key) || setting.otherwise != nullptr)) {
+            all[setting.key] = Get(setting.key);
+        }
+    }
+    for (const auto& [key, setting] : module_settings_) {
+        all[key] = setting.value;
+    }
+    return all;
 }
 
 std::string Settings::Get(const std::string& name) const {

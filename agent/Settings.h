@@ -3,6 +3,7 @@
 #include <Poco/Util/OptionSet.h>
 
 #include <map>
+#include <set>
 #include <string>
 
 // What the agent and its commands can be told, on the command line and in its configuration file. A
@@ -18,16 +19,27 @@ public:
     void SetOption(const std::string& option, const std::string& value);
 
     // Takes the configuration file: that of --config, otherwise `otherwise` if there is one. Each
-    // line is KEY = VALUE, a comment (# or !) or blank; what an option has set stays. Throws
-    // StartError: EX_NOPERM for a file that others may have written, EX_CONFIG for one that cannot
-    // be read, and for any other line, an unknown or
-    // repeated key and a bad value, with the line's number.
+    // line is KEY = VALUE, a comment (# or !) or blank; what an option has set stays. A key whose
+    // first word, up to a dot, is none of the agent's may be a module's. Throws StartError:
+    // EX_NOPERM for a file that others may have written, EX_CONFIG for one that cannot be read, and
+    // for any other line, an unknown or repeated key and a bad value, with the line's number.
     void ReadFile(const std::string& otherwise);
+    // Throws StartError, EX_CONFIG, when the file has a key that is neither the agent's nor one of
+    // `keys`.
+    void ExpectOnly(const std::set<std::string>& keys) const;
+    // Everything that has a value and is a key of the configuration file, modules' keys included.
+    std::map<std::string, std::string> ByKey() const;
 
     // By key, for an option without one by its name. The default when it was not set.
     bool IsSet(const std::string& name) const { return values_.count(name) != 0; }
     std::string Get(const std::string& name) const;
 
 private:
-    std::map<std::string, std::string> values_;  // those set
+    struct ModuleSetting {
+        std::string value;
+        std::string place;  // in the file, for a message
+    };
+
+    std::map<std::string, std::string> values_;             // those set
+    std::map<std::string, ModuleSetting> module_settings_;  // by key
 };

@@ -14,6 +14,7 @@
 #include <iomanip>
 #include <iostream>
 #include <iterator>
+#include <set>
 #include <sstream>
 #include <utility>
 
@@ -81,8 +82,8 @@ Watchpost::Watchpost() {
 
 int Watchpost::Tell(int status, std::string text) const {
     if (status == EXIT_USAGE) {
-        text += std::string("; see watchpost ") +
-                (command_ != nullptr ? command_->name + std::string(" ") : "") + "--help";
+        const std::string command = command_ != nullptr ? command_->name : module_command_;
+        text += "; see watchpost " + command + (command.empty() ? "" : " ") + "--help";
     }
     std::cerr << "watchpost: " << SDK::StringUtils::ToPrintable(text) << std::endl;
     return status;
@@ -110,7 +111,15 @@ int Watchpost::Launch(const std::vector<std::string>& arguments) {
                                     [&](const Command& each) { return rest[1] == each.name; });
             if (command_ == std::end(kCommands)) {
                 command_ = nullptr;
-                throw StartError{EXIT_USAGE, "unknown command " + rest[1]};
+                module_command_ = rest[1];
+                // Of its arguments, these tell where the module is.
+                const auto others =
+                    std::stable_partition(rest.begin() + 2, rest.end(), [](const auto& argument) {
+                        return argument.rfind("--config=", 0) == 0 ||
+                               argument.rfind("--module-dir=", 0) == 0;
+                    });
+                module_arguments_.assign(others, rest.end());
+                rest.erase(others, rest.end());
             }
             rest.erase(rest.begin() + 1);
         }
@@ -148,6 +157,7 @@ std::string Watchpost::Help() const {
         for (const Command& each : kCommands) {
             text << "  " << std::left << std::setw(10) << each.name << each.description << '\n';
         }
+        text << "Modules may bring others.\n";
     }
     return text.str();
 }
@@ -163,7 +173,7 @@ int Watchpost::main(const std::vector<std::string>& arguments) {
         if (access("/proc/self/fd", F_OK) != 0) {
             throw StartError{EXIT_OSFILE, "/proc is not mounted"};
         }
-        if (command_ != nullptr) {
+        if (command_ != nullptr || !module_command_.empty()) {
             return RunCommand(arguments);
         }
         if (!arguments.empty()) {
@@ -182,11 +192,39 @@ int Watchpost::RunCommand(const std::vector<std::string>& arguments) {
     Framework::Log().setLevel(Poco::Message::PRIO_ERROR);
     settings_.ReadFile(SDK::Paths::kConfiguration);
     Signals::OutliveFileLimit();
-    const int status = command_->run(*this, settings_, arguments);
+    const int status =
+        command_ != nullptr ? command_->run(*this, settings_, arguments) : RunModuleCommand();
     if (!std::cout.flush() && errno != EPIPE) {  // a reader that has seen enough
         throw StartError{EXIT_IOERR, "standard output cannot be written"};
     }
     return status;
+}
+
+int Watchpost::RunModuleCommand() {
+    ShareSettings();
+    LoadModules(TrustedDirectory("module.dir"), false);
+    ExpectKeysOfModules();
+    for (auto& module : Modules()) {
+        if (module->CommandName() == module_command_) {
+            return module->RunCommand(module_arguments_);
+        }
+    }
+    throw StartError{EXIT_USAGE, "unknown command " + std::exchange(module_command_, {})};
+}
+
+void Watchpost::ShareSettings() {
+    for (const auto& [key, value] : settings_.ByKey()) {
+        config().setString(key, value);
+    }
+}
+
+void Watchpost::ExpectKeysOfModules() {
+    std::set<std::string> keys;
+    for (auto& module : Modules()) {
+        const std::vector<std::string> more = module->ConfigurationKeys();
+        keys.insert(more.begin(), more.end());
+    }
+    settings_.ExpectOnly(keys);
 }
 
 std::string Watchpost::Directory(const std::string& key) const {
@@ -253,7 +291,10 @@ int Watchpost::Serve() {
     Framework::Log().information("watchpost " WATCHPOST_VERSION " starts");
     StartTask(report);
     const StopAtExit stop{*this};
+    ShareSettings();
+    config().setString("report.file", report->Path());
     LoadModules(module_dir);
+    ExpectKeysOfModules();
     StartTask(new StatusTask(settings_.Get("status.file"), report));
     if (settings_.IsSet("metrics.file")) {
         StartTask(new MetricsTask(settings_.Get("metrics.file"), report));

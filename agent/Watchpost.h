@@ -44,7 +44,13 @@ private:
     void OpenLog() const;
     int Serve();
     int RunCommand(const std::vector<std::string>& arguments);
+    int RunModuleCommand();
+    // Gives modules the settings.
+    void ShareSettings();
+    void ExpectKeysOfModules();
 
     const Command* command_ = nullptr;  // null for the agent
+    std::string module_command_;        // the name of a module's command
+    std::vector<std::string> module_arguments_;
     Settings settings_;
 };

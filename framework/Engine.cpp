@@ -113,6 +113,7 @@ void Engine::LoadModules(const std::string& directory, bool initialise) {
     for (const auto& path : paths) {
         LoadModule(path, initialise);
     }
+    loaded_ = true;
 }
 
 void Engine::LoadModule(const std::string& path, bool initialise) {

@@ -19,7 +19,8 @@
 namespace Framework {
 
 // The application: loads modules, delivers policy documents to them, and runs tasks. One object a
-// process, made before anything else of the framework is used.
+// process, made before anything else of the framework is used. Its config() has the agent's
+// settings, those without a value left out, and the keys of modules; getRawString reads them.
 class Engine : public Poco::Util::ServerApplication {
 public:
     // Stops what still runs.
@@ -51,6 +52,8 @@ public:
     void LoadModules(const std::string& directory, bool initialise = true);
     // Those loaded, in that order. Any thread.
     std::vector<Poco::AutoPtr<Module>> Modules();
+    // Whether that are all. Any thread.
+    bool HasLoadedModules() const { return loaded_; }
     // How the agent fares. What a module throws about its conditions or figures is a condition that
     // is not good. Any thread.
     State GetState();
@@ -75,6 +78,7 @@ private:
     void LoadModule(const std::string& path, bool initialise);
 
     std::atomic<bool> stopping_{false};
+    std::atomic<bool> loaded_{false};
     bool initialised_ = false;  // the modules
     std::mutex mutex_;          // guards the rest; the main thread, which alone alters the modules,
                                 // and the policy thread read those without

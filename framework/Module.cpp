@@ -36,9 +36,27 @@ Policy* Module::RefreshPolicy(const std::string& type, const std::string& key,
     return found->second.callback->invoke(key, text, current);
 }
 
+std::vector<std::string> Module::ConfigurationKeys() const {
+    return {};
+}
+
+std::string Module::CommandName() const {
+    return {};
+}
+
+int Module::RunCommand(const std::vector<std::string>& /*arguments*/) {
+    return 0;
+}
+
 bool Module::JudgePolicy(const std::string& /*type*/, const std::string& /*text*/, bool /*host*/,
                          std::vector<Finding>& /*findings*/) {
     return false;
+}
+
+bool Module::JudgeInTurn(const std::string& type, const std::string& text, bool host,
+                         std::vector<Finding>& findings) {
+    const std::lock_guard<std::mutex> lock(judge_mutex_);
+    return JudgePolicy(type, text, host, findings);
 }
 
 HostChange Module::PreviewPolicy(const std::string& /*type*/, const std::string& /*text*/) {
@@ -98,7 +116,7 @@ std::vector<Finding> Module::Judged(const std::string& type, const std::string& 
                                     const std::string& text) {
     std::vector<Finding> findings;
     try {
-        JudgePolicy(type, text, true, findings);
+        JudgeInTurn(type, text, true, findings);
     } catch (...) {
         LogException({"policy ", key, " not judged by module ", name_});
     }

@@ -42,6 +42,17 @@ public:
     virtual Policy* RefreshPolicy(const std::string& type, const std::string& key,
                                   const std::string& text, Policy*& current);
 
+    // The keys of the configuration file that this module reads, with Engine::config(). Each begins
+    // with a word of the module's own and a dot. A key that nobody reads is a mistake.
+    virtual std::vector<std::string> ConfigurationKeys() const;
+
+    // The name of a command of the module's own, `watchpost NAME ...`; empty: it has none.
+    virtual std::string CommandName() const;
+    // Runs that command, with what stands behind its name; --help is the module's to answer, and
+    // standard output its to write. The exit status. What is thrown ends the program as a start
+    // that fails does: Poco::Util::OptionException for a mistake in the command line.
+    virtual int RunCommand(const std::vector<std::string>& arguments);
+
     // What follows changes nothing and needs no Init, unless it says so.
 
     // Adds what there is to say of a document of `type`, with `host` also on this host as it is
@@ -49,6 +60,9 @@ public:
     // time.
     virtual bool JudgePolicy(const std::string& type, const std::string& text, bool host,
                              std::vector<Finding>& findings);
+    // The same for threads that do not know of each other: one waits for the other.
+    bool JudgeInTurn(const std::string& type, const std::string& text, bool host,
+                     std::vector<Finding>& findings);
     // What the document would do to this host. After Init of all modules.
     virtual HostChange PreviewPolicy(const std::string& type, const std::string& text);
     // How the host fares with what the policy in force wants of it. Any thread.
@@ -127,6 +141,7 @@ private:
     std::map<std::string, Feature> features_;
     std::vector<std::string> own_tasks_;
     std::vector<Poco::AutoPtr<Task>> registered_;
+    std::mutex judge_mutex_;          // held while the module judges
     mutable std::mutex state_mutex_;  // guards what follows
     std::map<std::string, PolicyState> in_force_;
 };

@@ -57,8 +57,9 @@ TEST(FormatReport, IsOneLineOfAsciiJsonWhateverCameIn) {
         {"{\"a\":[[" + deep + "]]}", R"("{\"a\":[[)" + deep + R"(]]}")"},
     };
     for (const auto& [text, content] : cases) {
-        const std::string line = FormatReport(DataMessage("ty\"pe\xff", text), "ho\nst");
-        EXPECT_EQ(R"("host":"ho\nst","task":"","type":"ty\"pe\ufffd","content":)" + content + "}",
+        const std::string line = FormatReport(DataMessage("ty\"pe\xff", text), "ho\nst", "1f-7");
+        EXPECT_EQ(R"("host":"ho\nst","task":"","type":"ty\"pe\ufffd","content":)" + content +
+                      R"(,"id":"ho\nst-1f-7"})",
                   line.substr(line.find(',') + 1));
         Json::Value parsed;
         EXPECT_EQ(0, SDK::JsonUtils::ParseJsonStr(line.data(), line.size(), parsed));
@@ -130,7 +131,7 @@ TEST(ReportTask, TriesAgainWhileTheFileCannotBeWrittenLeavesNoTornLineAndFollows
     }
     large += "0]}";
     std::clock_t start = std::clock();
-    FormatReport(DataMessage("", large), "");
+    FormatReport(DataMessage("", large), "", "");
     const std::clock_t one = std::clock() - start;
     fill();
     report(a);
@@ -309,6 +310,8 @@ TEST(Program, ABadStartIsOneLineAndAStatusAndAGoodOneStopsInOrder) {
         {"", 78, "line 1: log.level must be error, warning", "log.level = loud"},
         {"", 78, "line 2: unknown key log.lvel", "# log.lvl\nlog.lvel = debug"},
         {"", 78, "line 1: unknown key pidfile", "pidfile = /tmp/pid"},
+        {"", 78, "line 2: unknown key sound.volumes", "sound.volume=1\nsound.volumes=1"},
+        {"", 78, "line 2: sound.volume is set a second time", "sound.volume=1\nsound.volume=1"},
         {"", 78, "line 2: not KEY = VALUE: log.dir", "! =\n log.dir"},
         {"", 78, "line 2: log.dir is set a second time", "log.dir=/tmp\nlog.dir=/tmp"},
         {"--module-dir=/dev/null", 72, "Not a directory"},

@@ -43,6 +43,10 @@ public:
         Module::UnInit();
     }
 
+    std::vector<std::string> ConfigurationKeys() const override {
+        return {"sound.volume"};
+    }
+
 private:
     Framework::Policy* OnPolicy(const std::string& /*key*/, const std::string& text,
                                 Framework::Policy*& /*current*/) {
