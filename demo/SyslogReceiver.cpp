@@ -1,5 +1,5 @@
-// syslog_receiver PORT...: prints each datagram that arrives on 127.0.0.1 as "PORT TEXT", one a
-// line.
+// syslog_receiver [ADDRESS:]PORT...: prints each datagram that arrives there, on 127.0.0.1 without
+// an address, as "PORT TEXT", one a line.
 
 #include <Poco/Exception.h>
 #include <Poco/Net/DatagramSocket.h>
@@ -14,11 +14,12 @@ int main(int argc, char** argv) {
     try {
         Socket::SocketList servers;
         for (int i = 1; i < argc; ++i) {
-            servers.push_back(
-                Poco::Net::DatagramSocket(Poco::Net::SocketAddress("127.0.0.1", argv[i])));
+            const std::string place = argv[i];
+            servers.push_back(Poco::Net::DatagramSocket(Poco::Net::SocketAddress(
+                place.find(':') == std::string::npos ? "127.0.0.1:" + place : place)));
         }
         if (servers.empty()) {
-            std::cerr << "usage: syslog_receiver PORT..." << std::endl;
+            std::cerr << "usage: syslog_receiver [ADDRESS:]PORT..." << std::endl;
             return 64;
         }
         for (;;) {

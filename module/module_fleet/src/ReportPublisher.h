@@ -1,0 +1,116 @@
+#pragma once
+
+#include <boost/icl/interval_set.hpp>
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <set>
+#include <string>
+
+#include "module/module_fleet/src/Backoff.h"
+#include "module/module_fleet/src/Nats.h"
+#include "module/module_fleet/src/Spool.h"
+
+namespace Fleet {
+
+struct PublisherCounts {
+    std::uint64_t published = 0;  // acknowledged, repeats included
+    std::uint64_t left_out = 0;   // lines that are no reports with an id
+    std::uint64_t shortened = 0;  // larger than the servers take
+};
+
+// Moves the lines of the report file into the stream of reports, each to watchpost.report.HOST.TYPE
+// under its id, every id exactly once. Many are in flight at a time; what is acknowledged up to a
+// line is kept in the checkpoint file.
+//
+// That nothing comes twice rests on three things. The servers drop a message whose id they have
+// seen a moment ago. After whatever has gone wrong, be it hours later or with an old checkpoint or
+// none, the stream is asked for the ids that it holds of this host above the checkpoint's sequence
+// (the floor), below which no line in doubt can be. And whether that answer was whole, a server may
+// lag behind, shows with the first message of each type: it goes alone and says which one it
+// follows.
+//
+// One thread at a time.
+class ReportPublisher {
+public:
+    // What may be in flight, and so in memory; one line may be larger than that.
+    static constexpr std::size_t kMaxLines = 4096;
+    static constexpr std::size_t kMaxBytes = 4 << 20;
+
+    ReportPublisher(const std::string& host, const std::string& report_file,
+                    const std::string& checkpoint_file);
+
+    // From here on through this connection, which must outlive the use of it; null: none.
+    void Connect(natsConnection* connection);
+    // Publishes and takes acknowledgements for `time` at most, or a wait for one longer; returns
+    // early when nothing is to be done. False while the stream does not take anything; it is then
+    // tried again by itself. Throws Poco::IOException when the connection is of no use.
+    bool Work(std::chrono::milliseconds time);
+    // Writes the checkpoint when it has changed. Throws Poco::IOException.
+    void WriteCheckpoint();
+
+    const PublisherCounts& Counts() const { return counts_; }
+    // Why Work is false.
+    const std::string& Trouble() const { return trouble_; }
+
+private:
+    using Clock = std::chrono::steady_clock;
+    struct Flight {
+        Spool::Line line;  // without its text
+        std::size_t size = 0;
+        std::uint64_t floor = 0;
+        std::string type;
+        bool done = false;
+    };
+
+    void ReadCheckpoint();
+    void Publish(Clock::time_point end);
+    // Whether no further line may be sent for now.
+    bool IsFull() const;
+    void Send(Spool::Line& line);
+    // What the servers take: the line, or a report that tells how long it was.
+    std::string Fitting(Json::Value& report, const std::string& text);
+    // Asks the stream what it holds of this host above the sequence.
+    void LearnStored(std::uint64_t floor);
+    // Takes one acknowledgement, waiting for it; false when there was none.
+    bool TakeAck(std::int64_t milliseconds);
+    void Acknowledge(Flight& flight, std::uint64_t sequence, bool repeat);
+    void Land();
+    // Takes back what is in flight, to be sent again.
+    void Rewind();
+
+    const std::string subject_;  // up to the type
+    const std::string inbox_prefix_;
+    const std::string consumer_;
+    const std::string checkpoint_file_;
+    Spool spool_;
+
+    natsConnection* connection_ = nullptr;
+    Nats::JetStream stream_;
+    Nats::Subscription acks_;
+    std::string inbox_;
+    std::string trouble_;
+    Backoff backoff_;
+    Clock::time_point next_try_;
+
+    std::deque<Flight> flights_;
+    std::uint64_t first_flight_ = 0;  // number of the first one
+    std::size_t bytes_ = 0;
+    Clock::time_point last_ack_;  // or the sending of the first in flight
+
+    bool ready_ = false;         // the stream was asked
+    bool ask_all_ = false;       // it is to be asked for all that it holds
+    bool settled_ = false;       // no line in doubt lies ahead
+    std::uint64_t floor_ = 0;    // what is stored of lines not done with has a higher sequence
+    std::uint64_t highest_ = 0;  // sequence seen
+    std::map<std::string, std::uint64_t> last_;  // sequence by type
+    std::set<std::string> open_;  // types whose last sequence the stream has confirmed
+    std::string opening_;         // the one being confirmed
+    std::map<std::string, boost::icl::interval_set<std::uint64_t>> stored_;  // numbers, by start
+
+    bool moved_ = false;  // since the checkpoint was written
+    PublisherCounts counts_;
+};
+
+}  // namespace Fleet
