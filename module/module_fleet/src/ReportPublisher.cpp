@@ -126,7 +126,6 @@ bool ReportPublisher::Work(milliseconds time) {
     }
     try {
         Publish(now + time);
-        trouble_.clear();
     } catch (const Poco::IOException& e) {
         Rewind();
         if (natsConnection_IsClosed(connection_)) {
@@ -142,7 +141,9 @@ void ReportPublisher::Rewind() {
     first_flight_ += flights_.size();  // what is still acknowledged of them finds nobody
     flights_.clear();
     bytes_ = 0;
-    ready_ = false;
+    ready_ = settled_ = false;
+    open_.clear();
+    opening_.clear();
     spool_.Rewind();
 }
 
@@ -166,6 +167,7 @@ void ReportPublisher::Publish(Clock::time_point end) {
             settled_ = true;
             stored_.clear();
             floor_ = highest_;
+            trouble_.clear();
             return;
         }
     }
@@ -283,6 +285,7 @@ void ReportPublisher::Land() {
         ++first_flight_;
         moved_ = true;
         backoff_.Reset();
+        trouble_.clear();
     }
     if (!flights_.empty()) {
         floor_ = flights_.front().floor;
@@ -293,9 +296,6 @@ void ReportPublisher::Land() {
 
 void ReportPublisher::LearnStored(std::uint64_t floor) {
     stored_.clear();
-    open_.clear();
-    opening_.clear();
-    settled_ = false;
     if (floor == 0) {
         last_.clear();
     }

@@ -131,6 +131,11 @@ private:
     std::vector<std::unique_ptr<AgentProcess>> agents_;
 };
 
+std::string Report(int number, const std::string& type) {
+    return R"({"time":"2026-11-22T20:15:03.120Z","host":"a.b","task":"t","type":")" + type +
+           R"(","content":{"n":1},"id":"a.b-1f-)" + std::to_string(number) + "\"}\n";
+}
+
 // Writes reports as an agent's report task does, many a second, and rotates the file.
 class Reporter {
 public:
@@ -142,9 +147,7 @@ private:
     void Run(int lines) {
         const std::string path = AgentProcess::Path("log/watchpost_report.jsonl");
         for (int i = 1; i <= lines; ++i) {
-            Append(path, R"({"time":"2026-11-22T20:15:03.120Z","host":"a.b","task":"t","type":"x)" +
-                             std::to_string(i % 3) + R"(","content":{"n":1},"id":"a.b-1f-)" +
-                             std::to_string(i) + "\"}\n");
+            Append(path, Report(i, "x" + std::to_string(i % 3)));
             written_ = i;
             if (i % 3000 == 0) {
                 fs::rename(path, path + "." + std::to_string(i));
@@ -224,6 +227,38 @@ TEST(Fleet, EveryReportIsInTheStreamOnceWhateverDies) {
         const auto found = ids.find("a.b-1f-" + std::to_string(i));
         EXPECT_EQ(1, found == ids.end() ? 0 : found->second) << i;
     }
+    EXPECT_EQ(0, host.Stop());
+}
+
+TEST(Fleet, AFirstReportOfATypeThatNobodyTookIsSentAgain) {
+    NatsCluster cluster;
+    ASSERT_TRUE(cluster.IsReady());
+    Host host("fleet.servers = " + cluster.Urls() + "\nfleet.name = a.b\n");
+    const std::string path = AgentProcess::Path("log/watchpost_report.jsonl");
+    ASSERT_TRUE(AgentProcess::AwaitLog("fleet: all is well"));
+    Append(path, Report(1, "x"));
+    ASSERT_TRUE(Await([&] { return cluster.Messages() == 1; }));
+    // The server that the agent is connected to stays, and can store nothing by itself.
+    const std::string log = ReadText(AgentProcess::Path("log/watchpost.log"));
+    const int own = log[log.find("nats://127.0.0.1:422") + 20] - '1';
+    for (int i = 0; i < NatsCluster::kServers; ++i) {
+        if (i != own) {
+            cluster.Kill(i);
+        }
+    }
+    Append(path, Report(2, "y"));
+    EXPECT_TRUE(Await([&] {
+        return AgentProcess::Logged("error: answer: No responders") > 0 ||
+               AgentProcess::Logged("the stream does not acknowledge") > 0;
+    }));
+    for (int i = 0; i < NatsCluster::kServers; ++i) {
+        if (i != own) {
+            cluster.Start(i);
+        }
+    }
+    // The leader may have kept the second for then.
+    Append(path, Report(3, "x"));
+    EXPECT_TRUE(Await([&] { return cluster.Messages() == 3; }, std::chrono::seconds(60)));
     EXPECT_EQ(0, host.Stop());
 }
 
