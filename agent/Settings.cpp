@@ -191,12 +191,20 @@ void Settings::ReadFile(const std::string& otherwise) {
     values_.merge(values);  // keeps what is there
 }
 
-void Settings::ExpectOnly(const std::set<std::string>& keys) const {
+std::vector<std::string> Settings::ExpectOnly(const std::set<std::string>& keys) const {
+    std::vector<std::string> idle;
     for (const auto& [key, setting] : module_settings_) {
-        if (keys.count(key) == 0) {
+        if (keys.count(key) != 0) {
+            continue;
+        }
+        const std::string word = key.substr(0, key.find('.') + 1);
+        if (std::any_of(keys.begin(), keys.end(),
+                        [&](const std::string& known) { return known.rfind(word, 0) == 0; })) {
             throw StartError{EX_CONFIG, setting.place + "unknown key " + key};
         }
+        idle.push_back(setting.place + key);
     }
+    return idle;
 }
 
 std::map<std::string, std::string> Settings::ByKey() const {

@@ -24,9 +24,10 @@ public:
     // EX_NOPERM for a file that others may have written, EX_CONFIG for one that cannot be read, and
     // for any other line, an unknown or repeated key and a bad value, with the line's number.
     void ReadFile(const std::string& otherwise);
-    // Throws StartError, EX_CONFIG, when the file has a key that is neither the agent's nor one of
-    // `keys`.
-    void ExpectOnly(const std::set<std::string>& keys) const;
+    // Throws StartError, EX_CONFIG, when the file has a key that is not of `keys`, but has its
+    // first word in common with one. Returns the places and names of the others that nobody takes:
+    // those of a module that is not there.
+    std::vector<std::string> ExpectOnly(const std::set<std::string>& keys) const;
     // Everything that has a value and is a key of the configuration file, modules' keys included.
     std::map<std::string, std::string> ByKey() const;
 

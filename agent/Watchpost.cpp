@@ -218,13 +218,13 @@ void Watchpost::ShareSettings() {
     }
 }
 
-void Watchpost::ExpectKeysOfModules() {
+std::vector<std::string> Watchpost::ExpectKeysOfModules() {
     std::set<std::string> keys;
     for (auto& module : Modules()) {
         const std::vector<std::string> more = module->ConfigurationKeys();
         keys.insert(more.begin(), more.end());
     }
-    settings_.ExpectOnly(keys);
+    return settings_.ExpectOnly(keys);
 }
 
 std::string Watchpost::Directory(const std::string& key) const {
@@ -294,7 +294,10 @@ int Watchpost::Serve() {
     ShareSettings();
     config().setString("report.file", report->Path());
     LoadModules(module_dir);
-    ExpectKeysOfModules();
+    // A module may be removed without a look at the file.
+    for (const std::string& key : ExpectKeysOfModules()) {
+        Framework::Log().warning(key + ": no module takes it");
+    }
     StartTask(new StatusTask(settings_.Get("status.file"), report));
     if (settings_.IsSet("metrics.file")) {
         StartTask(new MetricsTask(settings_.Get("metrics.file"), report));

@@ -47,7 +47,7 @@ private:
     int RunModuleCommand();
     // Gives modules the settings.
     void ShareSettings();
-    void ExpectKeysOfModules();
+    std::vector<std::string> ExpectKeysOfModules();
 
     const Command* command_ = nullptr;  // null for the agent
     std::string module_command_;        // the name of a module's command

@@ -10,10 +10,15 @@ _watchpost() {
     help=$("${COMP_WORDS[0]}" ${command:+"$command"} --help 2>/dev/null) || return 0
     if [[ $word == -* ]]; then
         words=$(sed -n 's/^\(--[a-z-]*=\{0,1\}\).*/\1/p' <<<"$help")
-    elif [[ $word == = || $before == = || ${help%%$'\n'*} == *FILE* ]]; then
+    elif [[ $word == = || $before == = ]]; then
         return 0
-    elif ((COMP_CWORD == 1)); then
-        words=$(sed -n '/^Commands/,$s/^  \([a-z]*\) .*/\1/p' <<<"$help")
+    else
+        if ((COMP_CWORD == 1)) || [[ $before == "$command" ]]; then
+            words=$(sed -n '/^Commands/,$s/^  \([a-z]*\) .*/\1/p' <<<"$help")
+        fi
+        if [[ -z $words && ${help%%$'\n'*} == *FILE* ]]; then
+            return 0
+        fi
     fi
     mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word")
     if ((${#COMPREPLY[@]} == 0)); then
