@@ -8,6 +8,8 @@ usage: ./run.sh [--daemon=rsyslog|syslog-ng]
            Installs what is missing to build, builds, and shows watchpost at work in a private copy
            of this machine, with the real rsyslogd (default) or syslog-ng. Nothing else on the
            machine is touched.
+       ./run.sh --fleet
+           The same with five hosts and a cluster of three servers.
        ./run.sh --host --policy FILE [-- WATCHPOST_OPTION...]
            Builds and runs the agent on this machine itself, in the foreground, as root, under the
            policy in FILE. What follows -- goes to watchpost as it is.
@@ -20,6 +22,7 @@ misused() {
 }
 
 host=false
+fleet=false
 policy=
 daemon=
 while (($#)); do
@@ -29,6 +32,7 @@ while (($#)); do
         exit 0
         ;;
     --host) host=true ;;
+    --fleet) fleet=true ;;
     --daemon=rsyslog | --daemon=syslog-ng) daemon=${1#*=} ;;
     --policy)
         (($# > 1)) || misused "--policy needs a file"
@@ -53,6 +57,9 @@ else
     [[ -z $policy ]] || misused "--policy goes with --host"
     (($# == 0)) || misused "options for watchpost go with --host"
 fi
+if $fleet && { $host || [[ -n $daemon ]]; }; then
+    misused "--fleet goes alone"
+fi
 cd "$(dirname "${BASH_SOURCE[0]}")"
 . script/common.sh
 
@@ -66,6 +73,9 @@ if ! $host; then
     test/sandbox --check
     script/bootstrap
     script/build release
+    if $fleet; then
+        exec test/sandbox demo/fleet
+    fi
     exec test/sandbox demo/run "${daemon:-rsyslog}"
 fi
 
