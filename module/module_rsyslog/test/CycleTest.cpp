@@ -289,9 +289,10 @@ TEST(ForwardingHealth, IsThatOfTheDaemonUnderWhatWasWrittenLast) {
         EXPECT_TRUE(TestSupport::Await([&] { return pid() > 0; }));
     };
     const auto stop = [&] {
-        ASSERT_LT(0, pid());
-        kill(pid(), SIGTERM);
-        EXPECT_TRUE(TestSupport::Await([&] { return pid() == 0; }));
+        const int process = pid();
+        ASSERT_LT(0, process);
+        kill(process, SIGTERM);
+        EXPECT_TRUE(TestSupport::Await([&] { return kill(process, 0) != 0; }));
     };
     start();
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
