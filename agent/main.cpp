@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <openssl/crypto.h>
 #include <unistd.h>
 
 #include <string>
@@ -15,6 +16,9 @@ int main(int argc, char** argv) {
             break;
         }
     }
+    // A thread that waits for a name server is left alone at a stop, and may still be at work when
+    // the process ends: the library is not to be torn down under it.
+    OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
     Watchpost application;
     return application.Launch(std::vector<std::string>(argv, argv + argc));
 }

@@ -118,21 +118,33 @@ void FleetMember::Serve() {
 
 Nats::Connection FleetMember::AwaitConnection() {
     // On a thread that may be left alone, as nothing else ends the wait for a name server.
-    const auto promise = std::make_shared<std::promise<Nats::Connection>>();
-    std::future<Nats::Connection> connection = promise->get_future();
-    std::thread([promise, settings = settings_] {
+    struct Outcome {
+        Nats::Connection connection;
+        std::string why_not;
+    };
+    std::promise<Outcome> promise;
+    std::future<Outcome> future = promise.get_future();
+    std::thread([promise = std::move(promise), settings = settings_]() mutable {
+        Outcome outcome;
         try {
-            promise->set_value(Connect(settings));
+            outcome.connection = Connect(settings);
+        } catch (const Poco::Exception& e) {
+            outcome.why_not = e.message();
         } catch (...) {
-            promise->set_exception(std::current_exception());
+            outcome.why_not = Framework::DescribeException();
         }
+        promise.set_value(std::move(outcome));
     }).detach();
-    while (connection.wait_for(kSlice) == std::future_status::timeout) {
+    while (future.wait_for(kSlice) == std::future_status::timeout) {
         if (stopping_) {
             return nullptr;
         }
     }
-    return connection.get();
+    Outcome outcome = future.get();
+    if (outcome.connection == nullptr) {
+        throw Poco::IOException(outcome.why_not);
+    }
+    return std::move(outcome.connection);
 }
 
 void FleetMember::Work() {
