@@ -4,6 +4,7 @@
 #include <Poco/DateTimeParser.h>
 #include <Poco/Exception.h>
 #include <Poco/NumberParser.h>
+#include <Poco/StringTokenizer.h>
 #include <Poco/Timestamp.h>
 #include <Poco/Util/OptionException.h>
 #include <sysexits.h>
@@ -96,15 +97,6 @@ std::string PolicyKey(const std::string& text) {
         throw InvalidArgumentException("KEY is all, group.NAME or host.NAME, not " + text);
     }
     return kind + "." + Escape(text.substr(dot + 1));
-}
-
-// That of a person again.
-std::string Readable(const std::string& key) {
-    const std::size_t dot = key.find('.');
-    std::string name;
-    return dot != std::string::npos && Unescape(key.substr(dot + 1), name)
-               ? key.substr(0, dot + 1) + name
-               : key;
 }
 
 // Calls `take` with each message of the stream on the subject, since a time in nanoseconds, to the
@@ -215,25 +207,53 @@ std::map<std::string, std::uint64_t> Revisions(const Client& client) {
     return revisions;
 }
 
-// What is to be said of a host, by what it has told and when the servers got it.
+// The host whose report or state it is, by the subject: only that is known to be true.
+std::string HostOf(const natsMsg* message) {
+    const Poco::StringTokenizer tokens(natsMsg_GetSubject(message), ".");
+    std::string name = tokens[2];
+    Unescape(name, name);
+    return name;
+}
+
+// What is to be said of a host, by what it has told, which may be anything, and when the servers
+// got it.
 std::string Judge(const Json::Value& host, std::int64_t age,
                   const std::map<std::string, std::uint64_t>& revisions) {
-    const Json::Value& policy = host["policy"];
+    Json::Value policy, conditions, refused;
     if (age >
         std::int64_t{kMissedHeartbeats} * SDK::JsonUtils::GetIntValue(host, "heartbeat_s", 30)) {
         return "silent";
     }
-    if (policy.isMember("refused") || !host["refused"].empty()) {
+    if (!SDK::JsonUtils::GetSubobjectValue(host, "policy", policy) ||
+        !SDK::JsonUtils::GetArrayValue(host, "conditions", conditions) ||
+        !SDK::JsonUtils::GetArrayValue(host, "refused", refused)) {
+        return "wrong";
+    }
+    if (policy.isMember("refused") || !refused.empty()) {
         return "refused";
     }
     const auto current = revisions.find(SDK::JsonUtils::GetStringValue(policy, "source", ""));
     if (current != revisions.end() && policy["revision"] != Json::Int64(current->second)) {
         return "differs";
     }
-    const bool good =
-        std::all_of(host["conditions"].begin(), host["conditions"].end(),
-                    [](const Json::Value& condition) { return condition["good"] == true; });
+    const bool good = std::all_of(conditions.begin(), conditions.end(), [](const auto& condition) {
+        return SDK::JsonUtils::GetBoolValue(condition, "good", false);
+    });
     return good ? "well" : "wrong";
+}
+
+void PrintHost(const Json::Value& host) {
+    const auto get = [](const Json::Value& value, const char* key) {
+        return SDK::JsonUtils::GetStringValue(value, key, "-");
+    };
+    Json::Value policy;
+    SDK::JsonUtils::GetSubobjectValue(host, "policy", policy);
+    const int revision = SDK::JsonUtils::GetIntValue(policy, "revision", 0);
+    std::cout << std::left << std::setw(23) << ToPrintable(get(host, "host")) << ' ' << std::setw(9)
+              << get(host, "state") << std::setw(23) << ToPrintable(Readable(get(policy, "source")))
+              << ' ' << std::setw(10) << (revision > 0 ? std::to_string(revision) : "-")
+              << std::setw(10) << ToPrintable(get(host, "version")) << host["age_s"].asString()
+              << " s ago\n";
 }
 
 int Hosts(const Arguments& arguments) {
@@ -243,16 +263,16 @@ int Hosts(const Arguments& arguments) {
     const std::int64_t now = Poco::Timestamp().epochTime();
     ForEach(client, kHostStream, SubjectOfHosts(), 0, false, [&](natsMsg* message) {
         const std::string text = Nats::Data(message);
-        const std::string token = Nats::LastToken(message);
         Json::Value host;
         if (SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), host) != 0 || !host.isObject()) {
-            hosts.erase(token);
-            return;
+            host = Json::Value(Json::objectValue);
         }
+        const std::string name = HostOf(message);
         const std::int64_t told = Nats::PlaceOf(message).time / 1'000'000'000;
+        host["host"] = name;
         host["age_s"] = Json::Int64(std::max<std::int64_t>(now - told, 0));
         host["state"] = Judge(host, host["age_s"].asInt64(), revisions);
-        hosts[token] = host;
+        hosts[name] = host;
     });
     const bool json = arguments.Has("json");
     bool well = true;
@@ -263,22 +283,9 @@ int Hosts(const Arguments& arguments) {
                   << "VERSION"
                   << "HEARD\n";
     }
-    for (const auto& [token, host] : hosts) {
+    for (const auto& [name, host] : hosts) {
         well = well && host["state"] == "well";
-        if (json) {
-            list.append(host);
-            continue;
-        }
-        const auto get = [](const Json::Value& value, const char* key) {
-            return ToPrintable(SDK::JsonUtils::GetStringValue(value, key, "-"));
-        };
-        const Json::Value& policy = host["policy"];
-        std::cout << std::left << std::setw(23) << get(host, "host") << ' ' << std::setw(9)
-                  << get(host, "state") << std::setw(23) << Readable(get(policy, "source")) << ' '
-                  << std::setw(10)
-                  << (policy.isMember("revision") ? policy["revision"].asString() : "-")
-                  << std::setw(10) << get(host, "version") << host["age_s"].asString()
-                  << " s ago\n";
+        json ? static_cast<void>(list.append(host)) : PrintHost(host);
     }
     if (json) {
         std::cout << SDK::JsonUtils::JsonToString(list) << '\n';
@@ -286,18 +293,22 @@ int Hosts(const Arguments& arguments) {
     return well ? EX_OK : EXIT_FAILURE;
 }
 
-void PrintReport(const std::string& line, bool json) {
+void PrintReport(natsMsg* message, bool json) {
+    const std::string line = Nats::Data(message);
     Json::Value report;
-    if (json || SDK::JsonUtils::ParseJsonStr(line.data(), line.size(), report) != 0 ||
-        !report.isObject()) {
+    if (json) {
         std::cout << line << '\n';
+        return;
+    }
+    if (SDK::JsonUtils::ParseJsonStr(line.data(), line.size(), report) != 0 || !report.isObject()) {
+        std::cout << ToPrintable(line) << '\n';
         return;
     }
     const auto get = [&](const char* key) {
         return ToPrintable(SDK::JsonUtils::GetStringValue(report, key, ""));
     };
-    std::cout << get("time") << ' ' << get("host") << ' ' << get("type") << ' '
-              << SDK::JsonUtils::JsonToString(report["content"]) << '\n';
+    std::cout << get("time") << ' ' << ToPrintable(HostOf(message)) << ' ' << get("type") << ' '
+              << ToPrintable(SDK::JsonUtils::JsonToString(report["content"])) << '\n';
 }
 
 int Reports(const Arguments& arguments) {
@@ -321,7 +332,7 @@ int Reports(const Arguments& arguments) {
     const bool follow = arguments.Has("follow");
     const std::string subject = kReportSubjects + token("host") + "." + token("type");
     ForEach(client, kReportStream, subject, since, follow, [&](natsMsg* message) {
-        PrintReport(Nats::Data(message), arguments.Has("json"));
+        PrintReport(message, arguments.Has("json"));
         if (follow) {
             std::cout << std::flush;
         }

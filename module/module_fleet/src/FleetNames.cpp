@@ -45,6 +45,14 @@ bool Unescape(const std::string& token, std::string& name) {
     return true;
 }
 
+std::string Readable(const std::string& key) {
+    const std::size_t dot = key.find('.');
+    std::string name;
+    return dot != std::string::npos && Unescape(key.substr(dot + 1), name)
+               ? key.substr(0, dot + 1) + name
+               : key;
+}
+
 std::string SubjectOfPolicy(const std::string& key) {
     return std::string("$KV.") + kPolicyBucket + "." + key;
 }

@@ -21,6 +21,9 @@ std::string Escape(const std::string& name);
 // The name again; false when the token is not what Escape makes of any.
 bool Unescape(const std::string& token, std::string& name);
 
+// A policy's key with its name as a person writes it.
+std::string Readable(const std::string& key);
+
 // The subjects that values of the buckets are stored under. A value published there is put.
 std::string SubjectOfPolicy(const std::string& key);
 std::string SubjectOfHost(const std::string& host);

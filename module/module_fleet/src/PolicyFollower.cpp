@@ -164,7 +164,8 @@ void PolicyFollower::Decide() {
         return;
     }
     Json::Value described = Describe(source->key, source->revision, source->text);
-    const std::string what = source->key + " revision " + std::to_string(source->revision);
+    const std::string what =
+        Readable(source->key) + " revision " + std::to_string(source->revision);
     std::string current;
     const int error = SDK::FileUtils::ReadFile(file_, current, kMaxPolicy);
     if (error != 0 || current != source->text) {
