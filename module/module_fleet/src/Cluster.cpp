@@ -139,6 +139,7 @@ void InitFleet(natsConnection* connection, int replicas) {
     config.Subjects = subjects;
     config.SubjectsLen = 1;
     config.Replicas = replicas;
+    config.AllowDirect = true;
     AddStream(made, config);
 
     // Hosts listen for news: a consumer each would be far more than the servers bear.

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "framework/Log.h"
 #include "module/module_fleet/src/FleetNames.h"
@@ -63,10 +64,10 @@ void ReportPublisher::ReadCheckpoint() {
         return;
     }
     Json::Value checkpoint;
-    bool good = error == 0 &&
-                SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), checkpoint) == 0 &&
-                checkpoint.isObject() && checkpoint["floor"].isUInt64() &&
-                checkpoint["files"].isArray() && checkpoint["last"].isObject();
+    bool good =
+        error == 0 && SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), checkpoint) == 0 &&
+        checkpoint.isObject() && checkpoint["floor"].isUInt64() && checkpoint["files"].isArray() &&
+        checkpoint["last"].isObject() && checkpoint["in_flight"].isBool();
     for (const Json::Value& sequence : good ? checkpoint["last"] : Json::Value()) {
         good = good && sequence.isUInt64();
     }
@@ -78,6 +79,9 @@ void ReportPublisher::ReadCheckpoint() {
     floor_ = highest_ = checkpoint["floor"].asUInt64();
     for (const std::string& type : checkpoint["last"].getMemberNames()) {
         last_[type] = checkpoint["last"][type].asUInt64();
+    }
+    if (checkpoint["in_flight"].asBool()) {
+        question_ = Question::kAboveFloor;
     }
     spool_.Resume(checkpoint["files"]);
 }
@@ -92,6 +96,7 @@ void ReportPublisher::WriteCheckpoint() {
     for (const auto& [type, sequence] : last_) {
         checkpoint["last"][type] = Json::UInt64(sequence);
     }
+    checkpoint["in_flight"] = !flights_.empty() || question_ != Question::kNone;
     checkpoint["files"] = spool_.Positions();
     const std::string text = JsonToString(checkpoint) + "\n";
     if (const int error = SDK::FileUtils::WriteFile(checkpoint_file_, text, false); error != 0) {
@@ -138,10 +143,13 @@ bool ReportPublisher::Work(milliseconds time) {
 }
 
 void ReportPublisher::Rewind() {
+    if (!flights_.empty()) {
+        question_ = std::max(question_, Question::kAboveFloor);
+    }
     first_flight_ += flights_.size();  // what is still acknowledged of them finds nobody
     flights_.clear();
     bytes_ = 0;
-    ready_ = settled_ = false;
+    settled_ = false;
     open_.clear();
     opening_.clear();
     spool_.Rewind();
@@ -157,8 +165,8 @@ void ReportPublisher::Publish(Clock::time_point end) {
         }
         Spool::Line line;
         if (spool_.Next(line)) {
-            if (!ready_) {
-                LearnStored(ask_all_ ? 0 : floor_);
+            if (question_ != Question::kNone) {
+                LearnStored();
             }
             Send(line);
         } else if (!flights_.empty()) {
@@ -203,6 +211,11 @@ void ReportPublisher::Send(Spool::Line& line) {
     }
     const std::string type = SDK::JsonUtils::GetStringValue(report, "type", "");
     flight.type = type.empty() ? "_" : Escape(type);
+    if (open_.count(flight.type) == 0 && asked_ == Question::kNone &&
+        LastStored(flight.type) != last_[flight.type]) {
+        Doubt();
+        return;
+    }
     flight.size = text.size();
     bytes_ += flight.size;
 
@@ -252,15 +265,28 @@ bool ReportPublisher::TakeAck(std::int64_t milliseconds) {
     Json::Value value;
     if (SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), value) != 0 || !value.isObject() ||
         !value["seq"].isUInt64() || value.isMember("error")) {
-        ask_all_ = ask_all_ ||
-                   SDK::JsonUtils::GetIntValue(value["error"], "err_code", 0) == kWrongLastSequence;
+        if (SDK::JsonUtils::GetIntValue(value["error"], "err_code", 0) == kWrongLastSequence &&
+            asked_ != Question::kAll) {
+            Doubt();
+            return true;
+        }
         throw Poco::IOException("the stream refuses a report", text);
     }
     last_ack_ = Clock::now();
-    Acknowledge(flights_[number - first_flight_], value["seq"].asUInt64(),
-                SDK::JsonUtils::GetBoolValue(value, "duplicate", false));
+    Flight& flight = flights_[number - first_flight_];
+    const bool repeat = SDK::JsonUtils::GetBoolValue(value, "duplicate", false);
+    if (repeat && flight.type == opening_ && asked_ == Question::kNone) {
+        Doubt();
+        return true;
+    }
+    Acknowledge(flight, value["seq"].asUInt64(), repeat);
     Land();
     return true;
+}
+
+void ReportPublisher::Doubt() {
+    Rewind();
+    question_ = asked_ == Question::kNone ? Question::kAboveFloor : Question::kAll;
 }
 
 void ReportPublisher::Acknowledge(Flight& flight, std::uint64_t sequence, bool repeat) {
@@ -274,6 +300,7 @@ void ReportPublisher::Acknowledge(Flight& flight, std::uint64_t sequence, bool r
         opening_.clear();
         if (!repeat) {  // of a repeat the stream has not looked what comes before it
             open_.insert(flight.type);
+            asked_ = Question::kNone;
         }
     }
 }
@@ -294,7 +321,23 @@ void ReportPublisher::Land() {
     }
 }
 
-void ReportPublisher::LearnStored(std::uint64_t floor) {
+std::uint64_t ReportPublisher::LastStored(const std::string& type) {
+    const std::string subject = subject_ + type;
+    jsDirectGetMsgOptions last;
+    jsDirectGetMsgOptions_Init(&last);
+    last.LastBySubject = subject.c_str();
+    natsMsg* found = nullptr;
+    const natsStatus status = js_DirectGetMsg(&found, stream_.get(), kReportStream, nullptr, &last);
+    if (status == NATS_NOT_FOUND) {
+        return 0;
+    }
+    Nats::Check(status, std::string("stream ") + kReportStream);
+    const Nats::Msg message(found);
+    return natsMsg_GetSequence(found);
+}
+
+void ReportPublisher::LearnStored() {
+    const std::uint64_t floor = question_ == Question::kAll ? 0 : floor_;
     stored_.clear();
     if (floor == 0) {
         last_.clear();
@@ -324,8 +367,7 @@ void ReportPublisher::LearnStored(std::uint64_t floor) {
         }
         read += more;
     }
-    ready_ = true;
-    ask_all_ = false;
+    asked_ = std::exchange(question_, Question::kNone);
 }
 
 }  // namespace Fleet

@@ -25,11 +25,15 @@ struct PublisherCounts {
 // line is kept in the checkpoint file.
 //
 // That nothing comes twice rests on three things. The servers drop a message whose id they have
-// seen a moment ago. After whatever has gone wrong, be it hours later or with an old checkpoint or
-// none, the stream is asked for the ids that it holds of this host above the checkpoint's sequence
-// (the floor), below which no line in doubt can be. And whether that answer was whole, a server may
-// lag behind, shows with the first message of each type: it goes alone and says which one it
-// follows.
+// seen a moment ago. When lines were in flight as something went wrong, or the stream's last message
+// of a type is another one than is known here, be it hours later or by an old checkpoint, the stream
+// is asked for the ids that it holds of this host above the checkpoint's sequence (the floor), below
+// which no line in doubt can be. And whether such answers were whole, a server may lag behind, shows
+// with the first message of each type on a connection: it goes alone and says which one it follows.
+//
+// Asking for ids is work for the servers, so a host that was at rest goes on without. Nor are they
+// tried with messages that they may have to refuse: after such a one, a restart of all servers has
+// been seen to store the last message of the stream twice (2.9.10).
 //
 // One thread at a time.
 class ReportPublisher {
@@ -71,11 +75,16 @@ private:
     void Send(Spool::Line& line);
     // What the servers take: the line, or a report that tells how long it was.
     std::string Fitting(Json::Value& report, const std::string& text);
-    // Asks the stream what it holds of this host above the sequence.
-    void LearnStored(std::uint64_t floor);
+    // The sequence of the last message that the stream has of this host and type, 0 for none. The
+    // replica that answers may lag behind.
+    std::uint64_t LastStored(const std::string& type);
+    // Asks the stream what it holds of this host.
+    void LearnStored();
     // Takes one acknowledgement, waiting for it; false when there was none.
     bool TakeAck(std::int64_t milliseconds);
     void Acknowledge(Flight& flight, std::uint64_t sequence, bool repeat);
+    // The stream holds what is not known here: it is to be asked, after that for more.
+    void Doubt();
     void Land();
     // Takes back what is in flight, to be sent again.
     void Rewind();
@@ -99,9 +108,10 @@ private:
     std::size_t bytes_ = 0;
     Clock::time_point last_ack_;  // or the sending of the first in flight
 
-    bool ready_ = false;         // the stream was asked
-    bool ask_all_ = false;       // it is to be asked for all that it holds
-    bool settled_ = false;       // no line in doubt lies ahead
+    enum class Question { kNone, kAboveFloor, kAll };
+    Question question_ = Question::kNone;  // for the stream, before anything more is sent
+    Question asked_ = Question::kNone;     // since a type was last opened
+    bool settled_ = false;                 // no line in doubt lies ahead
     std::uint64_t floor_ = 0;    // what is stored of lines not done with has a higher sequence
     std::uint64_t highest_ = 0;  // sequence seen
     std::map<std::string, std::uint64_t> last_;  // sequence by type
