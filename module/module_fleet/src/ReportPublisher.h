@@ -25,11 +25,12 @@ struct PublisherCounts {
 // line is kept in the checkpoint file.
 //
 // That nothing comes twice rests on three things. The servers drop a message whose id they have
-// seen a moment ago. When lines were in flight as something went wrong, or the stream's last message
-// of a type is another one than is known here, be it hours later or by an old checkpoint, the stream
-// is asked for the ids that it holds of this host above the checkpoint's sequence (the floor), below
-// which no line in doubt can be. And whether such answers were whole, a server may lag behind, shows
-// with the first message of each type on a connection: it goes alone and says which one it follows.
+// seen a moment ago. When lines were in flight as something went wrong, or the stream's last
+// message of a type is another one than is known here, be it hours later or by an old checkpoint,
+// the stream is asked for the ids that it holds of this host above the checkpoint's sequence (the
+// floor), below which no line in doubt can be. And whether such answers were whole, a server may
+// lag behind, shows with the first message of each type on a connection: it goes alone and says
+// which one it follows.
 //
 // Asking for ids is work for the servers, so a host that was at rest goes on without. Nor are they
 // tried with messages that they may have to refuse: after such a one, a restart of all servers has
