@@ -3,12 +3,9 @@
 #include <gtest/gtest.h>
 #include <sys/inotify.h>
 #include <unistd.h>
-#include <utmpx.h>
 
-#include <filesystem>
-#include <fstream>
+#include <csignal>
 #include <optional>
-#include <set>
 #include <thread>
 
 #include "module/module_procs/src/ProcsFullTask.h"
@@ -19,19 +16,15 @@
 
 namespace {
 
-using TestSupport::NewTask;
-using TestSupport::OpenTaskPtr;
-using TestSupport::RunningReceiver;
-using Names = std::vector<std::string>;
-using Reports = std::vector<std::pair<std::string, std::string>>;
+using namespace TestSupport;
 
 const std::pair<std::string, std::string> kNoDaemon = {
     "rsyslog_3", R"({"message":"rsyslog or syslog-ng status is not running."})"};
 const std::pair<std::string, std::string> kNoInclude = {
     "rsyslog_3", R"({"message":"rsyslog IncludeConfig is not exist."})"};
 
-std::set<std::pair<std::string, int>> throttled;  // file and line of the points passed
-Names running;  // names of the process table, in the order of their process ids
+std::map<std::pair<std::string, int>, int> throttled;  // file and line to pauses asked for
+Strings running;  // names of the process table, in the order of their process ids
 
 class FixedProcs : public Engine::ProcsFullTask {
 public:
@@ -50,21 +43,26 @@ protected:
     Forwarding() { engine_.StartTask(new FixedProcs); }
     ~Forwarding() override { engine_.StopTask("procs_full_task"); }
 
-    Framework::Engine& engine_ = TestSupport::TestEngine();
-    const TestSupport::LogCapture log_{"module_rsyslog"};
+    Framework::Engine& engine_ = TestEngine();
+    const LogCapture log_{"module_rsyslog"};
     OpenTaskPtr task_ = NewTask();
 };
 
 // A full pass shows in its alarm: no daemon runs here.
-TEST_F(Forwarding, FullPassFirstAndEvery50thUnlessStopping) {
+TEST_F(Forwarding, FullPassFirstAndEvery50thUnlessStoppingAndLoginsEveryOtherCycle) {
     running = {"init"};
     RunningReceiver reports;
     EXPECT_EQ(0, task_->Init());  // no policy attached
+    EXPECT_EQ(1, log_.Count("3 get feature policy failed"));
+    task_->rsyslog_policy.get_lastlog = true;
     for (int run = 1; run <= 101; ++run) {
+        Log(LoginEntry(7, "tty1", run));
         EXPECT_EQ(0, task_->Run());
         EXPECT_EQ((run - 1) % 50 + 1, task_->cycle_count) << run;
         EXPECT_EQ((run - 1) / 50 + 1, log_.Holding("8 syslog alarm message is")) << run;
+        EXPECT_EQ(run - run % 2, task_->utmp_list.size()) << run;
     }
+    fs::remove(kLoginFile);
     task_->cycle_count = 50;
     task_->RequestStop();
     task_->Run();
@@ -74,7 +72,7 @@ TEST_F(Forwarding, FullPassFirstAndEvery50thUnlessStopping) {
 
 TEST_F(Forwarding, FirstDaemonByProcessIdDecides) {
     struct Case {
-        Names names;
+        Strings names;
         std::optional<bool> is_rsyslog, is_syslogng;  // without a value: left as it was
     };
     auto& policy = task_->rsyslog_policy;
@@ -91,6 +89,8 @@ TEST_F(Forwarding, FirstDaemonByProcessIdDecides) {
             EXPECT_EQ(c.is_syslogng.value_or(before), policy.is_syslogng);
         }
     }
+    EXPECT_EQ(4, log_.Count("8 find rsyslog pid 2."));
+    EXPECT_EQ(2, log_.Count("8 find syslog-ng pid 1."));
     EXPECT_EQ(2, log_.Count("3 proc map is empty"));
     engine_.StopTask("procs_full_task");
     task_->CheckSyslogRunning();
@@ -99,19 +99,16 @@ TEST_F(Forwarding, FirstDaemonByProcessIdDecides) {
 }
 
 TEST_F(Forwarding, WhatAFullPassDoes) {
-    struct Case {
-        std::string daemon, rsyslog_conf;
-        bool written;
-        Reports reports;
-    };
     const std::string include = "$IncludeConfig /etc/rsyslog.d/*.conf\n";
-    const char* file = "/etc/rsyslog.d/watchpost_rsyslog.conf";
-    for (const Case& c :
-         {Case{"init", include, false, {kNoDaemon}}, Case{"rsyslogd", include, true, {}},
-          Case{"rsyslogd", "# nothing\n", false, {kNoInclude}}}) {
-        SCOPED_TRACE(c.rsyslog_conf + c.daemon);
-        running = {c.daemon};
-        TestSupport::WriteText("/etc/rsyslog.conf", c.rsyslog_conf);
+    for (const auto& [daemon, conf, restarts, expected] :
+         {std::tuple("init", include, "", Reports{kNoDaemon, kNoDaemon}),
+          std::tuple("rsyslogd", include, "rsyslog restart\n", Reports()),
+          std::tuple("rsyslogd", std::string("# none\n"), "", Reports{kNoInclude}),
+          std::tuple("syslog-ng", std::string(), "syslog restart\n", Reports())}) {
+        SCOPED_TRACE(conf + daemon);
+        running = {daemon};
+        WriteText("/etc/rsyslog.conf", conf);
+        WriteText("/run/service.log", "");
         OpenTaskPtr task = NewTask();
         task->rsyslog_policy.server_type = "udp";
         task->rsyslog_policy.is_syslogng = true;  // rsyslog goes before
@@ -119,12 +116,12 @@ TEST_F(Forwarding, WhatAFullPassDoes) {
         task->rsyslog_policy.log_path = {{"514", "/var/log/a", {}}};
         RunningReceiver reports;
         task->Run();
-        EXPECT_EQ(c.written, std::remove(file) == 0);
-        EXPECT_EQ(c.reports, reports.Finish());
         task->cycle_count = 50;
-        task->Run();  // nothing changed: a second full pass writes nothing
-        EXPECT_NE(0, access(file, F_OK));
+        task->Run();  // nothing changed: a second full pass does nothing but warn
+        EXPECT_EQ(restarts, ReadText("/run/service.log"));
+        EXPECT_EQ(expected, reports.Finish());
     }
+    EXPECT_NE("", ReadText("/etc/rsyslog.d/watchpost_rsyslog.conf"));
 }
 
 TEST_F(Forwarding, AlarmsOnceForACodeAndHistoryAlarmsOnceInFourHours) {
@@ -181,84 +178,92 @@ TEST_F(Forwarding, WorkSucceedsWhenItIsDoneInFullOnly) {
         }
         return names;
     };
-    TestSupport::WriteText("/etc/passwd", "");
-    std::filesystem::remove("/var/log/wtmp");
-    task_->rsyslog_policy.get_history = task_->rsyslog_policy.get_lastlog = true;
+    WriteText("/etc/passwd", "");
+    OpenTaskPtr task = CollectingTask();
+    task->cycle_count = 0;
     for (const auto& [wanted, with_file, expected] :
          {std::tuple(true, false, "history;"), std::tuple(true, true, "history;logins;"),
           std::tuple(false, true, "")}) {
         record.Begin(
             {{Engine::kForwarding, wanted}, {Engine::kHistory, wanted}, {Engine::kLogins, wanted}});
         if (with_file) {
-            TestSupport::WriteText("/var/log/wtmp", "");
+            WriteText(kLoginFile, "");
         }
-        task_->Run();
-        task_->Run();
+        task->Run();
+        task->Run();
         EXPECT_EQ(expected, succeeded());
     }
     record.Begin({{Engine::kHistory, true}});
-    task_->RequestStop();
-    task_->Run();
+    task->RequestStop();
+    task->Run();
     EXPECT_EQ("", succeeded());
+    task->UnInit();
+    EXPECT_TRUE(record.Get().successes.empty());
 }
 
 // A cycle in which nothing changed opens no file that it has read.
 TEST_F(Forwarding, WhatIsUnchangedIsNotReadAgain) {
     const std::string history = "/tmp/.bash_history";
-    task_->rsyslog_policy.get_history = task_->rsyslog_policy.get_lastlog = true;
-    task_->rsyslog_policy.history_size = 1;
-    task_->rsyslog_policy.last_login_log_path = task_->rsyslog_policy.history_log_path = "/tmp/log";
-    task_->cycle_count = 1;
-    TestSupport::WriteText("/etc/passwd", "al:x:7:8:Al:/tmp:/bin/sh\n");
-    TestSupport::WriteText(history, "old\n");
-    TestSupport::WriteText("/var/log/wtmp", "");
+    OpenTaskPtr task = CollectingTask();
+    WriteText("/etc/passwd", "al:x:7:8:Al:/tmp:/bin/sh\nbo:x:7:8:Bo:/run:/bin/sh\n");
+    WriteText(history, "old\n");
+    WriteText("/run/.bash_history", "old\n");
+    WriteText(kLoginFile, "");
+    task->Run();
+    WriteText("/run/.bash_history", "");  // out of bounds, which is another thing than unchanged
     std::this_thread::sleep_for(std::chrono::milliseconds(2100));  // no longer just changed
-    task_->Run();
-    task_->Run();
+    task->Run();
+    task->Run();
     const int opened = inotify_init1(IN_NONBLOCK);
     for (const std::string& path :
-         {history, std::string("/etc/passwd"), std::string("/var/log/wtmp")}) {
+         Strings{history, "/run/.bash_history", "/etc/passwd", kLoginFile}) {
         ASSERT_LT(0, inotify_add_watch(opened, path.c_str(), IN_OPEN | IN_ACCESS));
     }
     const int unchanged = log_.Holding("not change.");
-    task_->Run();
-    task_->Run();
+    task->Run();
+    task->Run();
     EXPECT_EQ(unchanged + 2, log_.Holding("not change."));
     char event[1024];
     EXPECT_EQ(-1, read(opened, event, sizeof(event)));
     // Of the same length, with its times set back.
-    const auto time = std::filesystem::last_write_time(history);
-    TestSupport::WriteText(history, "new\n");
-    std::filesystem::last_write_time(history, time);
-    task_->Run();
+    const auto time = fs::last_write_time(history);
+    WriteText(history, "new\n");
+    fs::last_write_time(history, time);
+    task->Run();
     EXPECT_EQ(1, log_.Holding("8 recordtext is :"));
     EXPECT_LT(0, read(opened, event, sizeof(event)));
     close(opened);
 }
 
-// Two cycles over a login, its end and a command pass each throttle point.
+// Two cycles over a login, its end and a hundred thousand commands pass each throttle point.
 TEST_F(Forwarding, EveryLongLoopHasItsThrottlePoint) {
     running = {"init"};
-    task_->rsyslog_policy.get_history = task_->rsyslog_policy.get_lastlog = true;
-    task_->rsyslog_policy.history_size = 1;
-    task_->rsyslog_policy.last_login_log_path = task_->rsyslog_policy.history_log_path = "/tmp/log";
-    TestSupport::WriteText("/etc/passwd", "al:x:7:8:Al:/tmp:/bin/sh\n");
-    TestSupport::WriteText("/tmp/.bash_history", "old\n");
-    utmpx record = {};
-    for (const int type : {USER_PROCESS, DEAD_PROCESS}) {
-        std::ofstream("/var/log/wtmp", std::ios::app).close();
-        record.ut_type = static_cast<short>(type);
-        updwtmpx("/var/log/wtmp", &record);
-    }
+    OpenTaskPtr task = CollectingTask();
+    task->cycle_count = 0;
+    task->rsyslog_policy.white_list = {"x"};
+    WriteText("/etc/passwd", "al:x:7:8:Al:/tmp:/bin/sh\n");
+    WriteText("/tmp/.bash_history", "");
+    fs::remove(kLoginFile);
+    Log(LoginEntry(7, "tty1", 0));
+    Log(LoginEntry(8, "tty1", 0));
+    const LogCapture log("module_rsyslog", Poco::Message::PRIO_ERROR);
     throttled.clear();
+    task->Run();
+    EXPECT_TRUE(throttled.empty());  // without a limit
+    std::string commands = "x\n";
+    for (int i = 0; i < 100000; ++i) {
+        commands += "x\n";
+    }
+    task->cycle_count = 0;
     SDK::InnerCpuCtrlUtils::SetLimit(50);
-    task_->Run();
-    TestSupport::WriteText("/tmp/.bash_history", "old\nnew\n");
-    task_->Run();
+    task->Run();
+    WriteText("/tmp/.bash_history", commands);
+    task->Run();
     SDK::InnerCpuCtrlUtils::SetLimit(0);
     std::map<std::string, int> points;
-    for (const auto& [file, line] : throttled) {
-        ++points[file.substr(file.rfind('/') + 1)];
+    for (const auto& [point, pauses] : throttled) {
+        ++points[point.first.substr(point.first.rfind('/') + 1)];
+        EXPECT_LT(pauses, 10000) << point.first << point.second;  // one in ten milliseconds
     }
     EXPECT_EQ((std::map<std::string, int>{{"RsyslogTask.cpp", 1},
                                           {"RsyslogTaskCommands.cpp", 1},
@@ -269,7 +274,7 @@ TEST_F(Forwarding, EveryLongLoopHasItsThrottlePoint) {
 
 TEST(ForwardingHealth, IsThatOfTheDaemonUnderWhatWasWrittenLast) {
     const Poco::AutoPtr<Framework::Task> procs(new Engine::ProcsFullTask);
-    ASSERT_TRUE(TestSupport::TestEngine().StartTask(procs));
+    ASSERT_TRUE(TestEngine().StartTask(procs));
     Engine::ForwardingHealth health;
     const auto becomes = [&](bool good, const std::string& piece) {
         const auto conditions = health.Conditions();
@@ -282,23 +287,23 @@ TEST(ForwardingHealth, IsThatOfTheDaemonUnderWhatWasWrittenLast) {
     health.Saw(Engine::DaemonKind::kRsyslog, true);
     becomes(false, "does not run");
     const std::string path = "/run/written.conf";
-    TestSupport::WriteText("/run/r.conf", "*.* /run/r.log\n");
-    const auto pid = [] { return std::atoi(TestSupport::ReadText("/run/r.pid").c_str()); };
+    WriteText("/run/r.conf", "*.* /run/r.log\n");
+    const auto pid = [] { return std::atoi(ReadText("/run/r.pid").c_str()); };
     const auto start = [&] {
         EXPECT_EQ(0, std::system("rsyslogd -f /run/r.conf -i /run/r.pid 2>/dev/null"));
-        EXPECT_TRUE(TestSupport::Await([&] { return pid() > 0; }));
+        EXPECT_TRUE(Await([&] { return pid() > 0; }));
     };
     const auto stop = [&] {
         const int process = pid();
         ASSERT_LT(0, process);
         kill(process, SIGTERM);
-        EXPECT_TRUE(TestSupport::Await([&] { return kill(process, 0) != 0; }));
+        EXPECT_TRUE(Await([&] { return kill(process, 0) != 0; }));
     };
     start();
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     health.Judged("");
     becomes(false, "has not been told what the policy forwards");
-    TestSupport::WriteText(path, "1");
+    WriteText(path, "1");
     health.Wrote(path);
     becomes(false, "has not been restarted since /run/written.conf was written");
     stop();
@@ -310,19 +315,20 @@ TEST(ForwardingHealth, IsThatOfTheDaemonUnderWhatWasWrittenLast) {
     health.Judged("bad words");
     becomes(false, "finds fault with its configuration: bad words");
     health.Wrote(path);
-    TestSupport::WriteText(path, "2 by somebody else");
+    WriteText(path, "2 by somebody else");
     becomes(false, "has been changed or removed since the agent wrote it");
     health.Forget();
     EXPECT_TRUE(health.Conditions().empty());
     stop();
-    TestSupport::TestEngine().StopTask("procs_full_task");
+    TestEngine().StopTask("procs_full_task");
 }
 
 }  // namespace
 
 // In the place of the library's own: the points that ask for a pause.
 void SDK::InnerCpuCtrlUtils::AdjustThreadCpu(const char* file, int line, const char* module,
-                                             unsigned long /*now*/, unsigned long /*elapsed*/) {
+                                             unsigned long /*now*/, unsigned long elapsed) {
     EXPECT_STREQ("rsyslog_module", module);
-    throttled.emplace(file, line);
+    EXPECT_LT(GetSuggestedRunTick(), elapsed);
+    ++throttled[{file, line}];
 }

@@ -2,93 +2,28 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <utmp.h>
-#include <utmpx.h>
 
 #include <algorithm>
 #include <cstring>
-#include <ctime>
-#include <filesystem>
-#include <fstream>
+#include <future>
 #include <random>
-#include <set>
-#include <sstream>
 
 #include "module/module_rsyslog/test/ModuleSupport.h"
 #include "sdk/JsonUtils.h"
 
 namespace {
 
+using namespace TestSupport;
 using Engine::utmp_info;
-using TestSupport::NewTask;
-using TestSupport::OpenTask;
-using TestSupport::OpenTaskPtr;
-using TestSupport::ReadText;
-using TestSupport::RunningReceiver;
-using TestSupport::WriteText;
-using Lines = std::vector<std::string>;
 
-const char* const kFile = "/var/log/wtmp";
-const char* const kRecordLog = "/tmp/last_login.log";
 const std::size_t kStampLength = 20;
-
-OpenTaskPtr LoginTask() {
-    std::remove(kRecordLog);
-    OpenTaskPtr task = NewTask();
-    task->rsyslog_policy.get_lastlog = true;
-    task->rsyslog_policy.up_lastlog = true;
-    task->rsyslog_policy.last_login_log_path = kRecordLog;
-    return task;
-}
-
-utmp Entry(int type, const std::string& line, const std::string& user, const std::string& host,
-           int time, int pid = 7) {
-    utmp entry = {};
-    entry.ut_type = static_cast<short>(type);
-    entry.ut_pid = pid;
-    line.copy(entry.ut_line, sizeof(entry.ut_line));
-    user.copy(entry.ut_user, sizeof(entry.ut_user));
-    host.copy(entry.ut_host, sizeof(entry.ut_host));
-    entry.ut_tv.tv_sec = time;
-    return entry;
-}
-
-// Adds a record the way the system's login programs do.
-void Log(const utmp& entry) {
-    utmpx record = {};
-    static_assert(sizeof(record) == sizeof(entry));
-    std::memcpy(&record, &entry, sizeof(record));
-    std::ofstream(kFile, std::ios::app).close();
-    updwtmpx(kFile, &record);
-}
-
-std::string Bytes(const std::vector<utmp>& entries) {
-    return {reinterpret_cast<const char*>(entries.data()), entries.size() * sizeof(utmp)};
-}
-
-// The lines of the record log without the stamp of their writing.
-Lines Records() {
-    std::istringstream text(ReadText(kRecordLog));
-    Lines lines;
-    for (std::string line; std::getline(text, line);) {
-        lines.push_back(line.substr(kStampLength));
-    }
-    return lines;
-}
 
 // The rules once more, as plain as they can be told: every record is compared with every other.
 // Stops when it has logged `stop_after` lines.
-class Model {
-public:
-    explicit Model(std::size_t stop_after) : stop_after_(stop_after) {}
-
-    void Pass(const std::string& file) {
+struct Model {
+    void Pass(const std::vector<utmp>& file) {
         std::vector<utmp_info> fresh;
-        for (std::size_t at = 0; at + sizeof(utmp) <= file.size() && !Stopped();
-             at += sizeof(utmp)) {
-            utmp entry;
-            std::memcpy(&entry, file.data() + at, sizeof(entry));
+        for (const utmp& entry : file) {
             utmp_info record;
             record.type = entry.ut_type;
             record.pid = entry.ut_pid;
@@ -101,17 +36,15 @@ public:
                 return known.type == record.type && Named(known) == Named(record);
             };
             const bool kept = record.type == 7 || record.type == 8 || record.type == 2;
-            if (kept && std::none_of(list.begin(), list.end(), same)) {
+            if (kept && !Stopped() && std::none_of(list.begin(), list.end(), same)) {
                 list.push_back(record);
                 fresh.push_back(record);
             }
         }
         for (const utmp_info& record : fresh) {
-            if (Stopped()) {
-                break;
-            }
-            log.push_back("newlast type " + std::to_string(record.type) + " pid:" + Named(record));
-            if (record.type != 7) {
+            if (!Stopped()) {
+                log.push_back("newlast type " + std::to_string(record.type) +
+                              " pid:" + Named(record));
                 Close(record);
             }
         }
@@ -123,8 +56,8 @@ public:
         }
     }
 
-    static Lines State(const std::vector<utmp_info>& list) {
-        Lines state;
+    static Strings State(const std::vector<utmp_info>& list) {
+        Strings state;
         for (const utmp_info& r : list) {
             state.push_back(std::to_string(r.type) + "," + Named(r) + "," +
                             std::to_string(r.logout_time) + (r.pending ? "!" : ""));
@@ -132,10 +65,6 @@ public:
         return state;
     }
 
-    std::vector<utmp_info> list;
-    Lines log, records, reports;
-
-private:
     template <std::size_t Size>
     static std::string Text(const char (&field)[Size]) {
         return std::string(field, std::find(field, field + Size, 0));
@@ -144,16 +73,13 @@ private:
         return std::to_string(r.pid) + "," + r.line + "," + r.user + "," + r.host + "," +
                std::to_string(r.session) + "," + std::to_string(r.login_time);
     }
-    bool Stopped() const { return log.size() >= stop_after_; }
+    bool Stopped() const { return log.size() >= stop_after; }
 
     void Close(const utmp_info& end) {
         for (utmp_info& login : list) {
-            if (Stopped()) {
-                return;
-            }
             const bool open = login.type == 7 && login.logout_time == 0;
-            if (!open || login.login_time > end.login_time ||
-                (end.type == 8 && login.line != end.line)) {
+            const bool ended = end.type == 2 || (end.type == 8 && login.line == end.line);
+            if (Stopped() || !open || !ended || login.login_time > end.login_time) {
                 continue;
             }
             login.logout_time = end.login_time;
@@ -167,55 +93,36 @@ private:
     }
 
     void Report(const utmp_info& login) {
-        OpenTaskPtr text = NewTask();
         const bool open = login.logout_time == 0;
+        Json::Value report;
+        report["user"] = login.user;
+        report["dev"] = login.line;
+        report["loginip"] = login.host;
         const std::string start = text->GetLocalTimeStr(login.login_time);
         const std::string end = open ? "0" : text->GetLocalTimeStr(login.logout_time);
         const std::string duration =
             open ? "0" : text->GetSplittimeStr(login.logout_time, login.login_time);
+        report["start_time"] = start;
+        report["end_time"] = end;
+        report["duration"] = duration;
         records.push_back("sandbox " + login.user + " " + login.line + " " + login.host + " " +
                           start + " " + end + " " + duration);
         log.push_back("write last : " + records.back());
-        Json::Value report;
-        const char* const keys[] = {"user", "dev", "loginip", "start_time", "end_time", "duration"};
-        const std::string* const values[] = {&login.user, &login.line, &login.host,
-                                             &start,      &end,        &duration};
-        for (int i = 0; i < 6; ++i) {
-            report[keys[i]] = *values[i];
-        }
-        reports.push_back(SDK::JsonUtils::JsonToString(report));
-        log.push_back("last_log message is [" + reports.back() + "]");
+        reports.emplace_back("rsyslog_2", SDK::JsonUtils::JsonToString(report));
+        log.push_back("last_log message is [" + reports.back().second + "]");
     }
 
-    const std::size_t stop_after_;
-};
-
-// Collects the task's lines, without the stamp of their writing, and stops it after so many.
-class StoppingChannel : public Poco::Channel {
-public:
-    StoppingChannel(OpenTaskPtr task, std::size_t stop_after)
-        : task_(std::move(task)), stop_after_(stop_after) {}
-    void log(const Poco::Message& message) override {
-        lines.push_back(message.getText());
-        const std::string written = "write last : ";
-        if (lines.back().compare(0, written.size(), written) == 0) {
-            lines.back().erase(written.size(), kStampLength);
-        }
-        if (lines.size() == stop_after_) {
-            task_->RequestStop();
-        }
-    }
-    Lines lines;
-
-private:
-    OpenTaskPtr task_;
-    const std::size_t stop_after_;
+    std::size_t stop_after = 0;
+    std::vector<utmp_info> list;
+    Strings log, records;
+    Reports reports;
+    OpenTaskPtr text = NewTask();
 };
 
 utmp RandomEntry(std::mt19937& random) {
     const auto any = [&random](int count) { return static_cast<int>(random() % count); };
-    utmp entry = {};
     if (any(20) == 0) {  // noise, with fields that do not end
+        utmp entry;
         for (std::size_t at = 0; at < sizeof(entry); ++at) {
             // Newlines would make lines of the record log hard to tell apart.
             reinterpret_cast<char*>(&entry)[at] = static_cast<char>(any(240) + 11);
@@ -225,239 +132,121 @@ utmp RandomEntry(std::mt19937& random) {
     }
     const int kinds[] = {7, 7, 7, 7, 8, 8, 8, 2, 1, 6};
     const char* const lines[] = {"pts/0", "pts/1", "tty1"};
-    entry = Entry(kinds[any(10)], lines[any(3)], any(2) == 0 ? "root" : "al",
-                  any(2) == 0 ? "" : "h", any(9) - 3, any(2));
+    utmp entry = LoginEntry(kinds[any(10)], lines[any(3)], any(9) - 3);
+    entry.ut_pid = any(2);
+    std::strcpy(entry.ut_user, any(2) == 0 ? "root" : "al");
+    std::strcpy(entry.ut_host, any(2) == 0 ? "" : "h");
     entry.ut_session = any(8) == 0 ? -1 : 0;
     return entry;
 }
 
+// Collects the task's lines, without the stamp of their writing, and stops it after so many.
+struct StoppingChannel : Poco::Channel {
+    StoppingChannel(OpenTaskPtr stopped, std::size_t after)
+        : task(std::move(stopped)), stop_after(after) {}
+    void log(const Poco::Message& message) override {
+        const std::string written = "write last : ";
+        lines.push_back(message.getText());
+        if (lines.back().compare(0, written.size(), written) == 0) {
+            lines.back().erase(written.size(), kStampLength);
+        }
+        if (lines.size() == stop_after) {
+            task->RequestStop();
+        }
+    }
+    OpenTaskPtr task;
+    const std::size_t stop_after;
+    Strings lines;
+};
+
 TEST(Login, AgreesWithAPlainReading) {
     setenv("TZ", "KTM-5:45", 1);
-    Poco::Logger& logger = Poco::Logger::get("module_rsyslog");
     for (unsigned seed = 0; seed < 2000 && !HasFailure(); ++seed) {
         SCOPED_TRACE(seed);
         std::mt19937 random(seed);
         const bool traced = seed % 3 != 0;
         const std::size_t stop_after = traced && seed % 4 == 0 ? random() % 60 + 1 : 100000;
-        OpenTaskPtr task = LoginTask();
-        Model model(stop_after);
+        OpenTaskPtr task = CollectingTask();
+        Model model;
+        model.stop_after = stop_after;
         RunningReceiver receiver;
         const Poco::AutoPtr<StoppingChannel> channel(new StoppingChannel(task, stop_after));
+        Poco::Logger& logger = Poco::Logger::get("module_rsyslog");
         logger.setLevel(traced ? Poco::Message::PRIO_TRACE : Poco::Message::PRIO_INFORMATION);
         logger.setChannel(channel);
-        std::string file;
+        std::vector<utmp> file;
         for (int pass = 0; pass < 4; ++pass) {
             if (random() % 6 == 0) {
                 file.clear();  // rotated
             }
             for (unsigned left = random() % 24; left > 0; --left) {
-                file += Bytes({RandomEntry(random)});
+                file.push_back(RandomEntry(random));
             }
-            const std::string torn = file.substr(0, random() % 100);
-            WriteText(kFile, file + torn);
+            std::string bytes(reinterpret_cast<const char*>(file.data()),
+                              file.size() * sizeof(utmp));
+            bytes += bytes.substr(0, random() % 100);  // torn
+            WriteText(kLoginFile, bytes);
             task->BuildLastInfo();
             model.Pass(file);
         }
         logger.setChannel(nullptr);
-        if (traced) {
-            EXPECT_EQ(model.log, channel->lines);
-        }
-        EXPECT_EQ(model.records, Records());
-        Lines reports;
-        for (const auto& [type, content] : receiver.Finish()) {
-            EXPECT_EQ("rsyslog_2", type);
-            reports.push_back(content);
-        }
-        EXPECT_EQ(model.reports, reports);
+        EXPECT_EQ(traced ? model.log : Strings(), channel->lines);
+        EXPECT_EQ(model.records, LinesOf(kLoginLog, kStampLength));
+        EXPECT_EQ(model.reports, receiver.Finish());
         EXPECT_EQ(Model::State(model.list), Model::State(task->utmp_list));
     }
 }
 
-TEST(Login, LinesAndReportsByteForByte) {
-    setenv("TZ", "UTC0", 1);
-    std::remove(kFile);
-    OpenTaskPtr task = LoginTask();
-    RunningReceiver receiver;
-    Log(Entry(7, "pts/0", "root", "10.0.0.9", 1700000000));
-    Log(Entry(7, "tty1", "al\xff", "", 1700000060));
-    task->BuildLastInfo();
-    task->BuildLastInfo();
-    EXPECT_EQ((Lines{"sandbox root pts/0 10.0.0.9 2023-11-14 22:13:20  0 0",
-                     "sandbox al\xff tty1  2023-11-14 22:14:20  0 0"}),
-              Records());
-    Log(Entry(8, "tty1", "", "", 1700000059));  // too early to end it
-    Log(Entry(8, "pts/0", "", "", 1700003661));
-    task->rsyslog_policy.up_lastlog = false;
-    task->BuildLastInfo();
-    Log(Entry(2, "~", "reboot", "6.1", 1700096461));
-    task->rsyslog_policy.up_lastlog = true;
-    task->BuildLastInfo();
-    const Lines records = Records();
-    ASSERT_EQ(4U, records.size());
-    EXPECT_EQ("sandbox root pts/0 10.0.0.9 2023-11-14 22:13:20  2023-11-14 23:14:21  01:01:01",
-              records[2]);
-    EXPECT_EQ("sandbox al\xff tty1  2023-11-14 22:14:20  2023-11-16 01:01:01  1+02:46:41",
-              records[3]);
-    const auto reports = receiver.Finish();
-    ASSERT_EQ(3U, reports.size());
-    EXPECT_EQ(R"({"dev":"pts/0","duration":"0","end_time":"0","loginip":"10.0.0.9",)"
-              R"("start_time":"2023-11-14 22:13:20 ","user":"root"})",
-              reports[0].second);
-    EXPECT_EQ(R"({"dev":"tty1","duration":"1+02:46:41","end_time":"2023-11-16 01:01:01 ",)"
-              R"("loginip":"","start_time":"2023-11-14 22:14:20 ","user":"al\ufffd"})",
-              reports[2].second);
-}
-
-// Sessions ended by a logout, as the system's own tool sees them.
-TEST(Login, AgreesWithLast) {
-    setenv("TZ", "KTM-5:45", 1);
-    std::remove(kFile);
-    std::mt19937 random(1);
-    std::map<std::string, std::string> on;  // line to user
-    std::set<std::string> boots;
-    OpenTaskPtr task = LoginTask();
-    for (int time = 1700000000, i = 0; i < 2000;
-         ++i, time += static_cast<int>(random() % 90000) + 1) {
-        const std::string line = "pts/" + std::to_string(random() % 5);
-        if (random() % 40 == 0) {
-            Log(Entry(2, "~", "reboot", "k", time, 0));
-            boots.insert(task->GetLocalTimeStr(time));
-            on.clear();
-        } else if (on.count(line) != 0) {
-            Log(Entry(8, line, "", "", time));
-            on.erase(line);
-        } else {
-            on[line] = "u" + std::to_string(random() % 3);
-            Log(Entry(7, line, on[line], "h" + std::to_string(i), time));
-        }
-    }
-    task->BuildLastInfo();
-    // Name, line, host, date and time of the login, the same of the logout.
-    std::set<std::string> ours;
-    for (const auto& login : task->utmp_list) {
-        const std::string end = task->GetLocalTimeStr(login.logout_time);
-        if (login.type == 7 && login.logout_time != 0 && boots.count(end) == 0) {
-            ours.insert(login.user + " " + login.line + " " + login.host + " " +
-                        task->GetLocalTimeStr(login.login_time) + end);
-        }
-    }
-    ASSERT_EQ(0, std::system("LC_ALL=C last -F -f /var/log/wtmp >/tmp/last.txt"));
-    std::set<std::string> theirs;
-    std::istringstream text(ReadText("/tmp/last.txt"));
-    for (std::string line; std::getline(text, line);) {
-        std::istringstream words(line);
-        std::string user, tty, host, dates;
-        words >> user >> tty >> host;
-        std::getline(words, dates);
-        std::tm start = {}, end = {};
-        const char* const rest = strptime(dates.c_str(), " %a %b %d %H:%M:%S %Y -", &start);
-        if (user != "reboot" && rest != nullptr &&
-            strptime(rest, " %a %b %d %H:%M:%S %Y", &end) != nullptr) {
-            char times[2 * kStampLength + 1] = {};
-            std::strftime(times, sizeof(times), "%Y-%m-%d %H:%M:%S ", &start);
-            std::strftime(times + kStampLength, kStampLength + 1, "%Y-%m-%d %H:%M:%S ", &end);
-            std::ostringstream session;
-            session << user << " " << tty << " " << host << " " << times;
-            theirs.insert(session.str());
-        }
-    }
-    EXPECT_GT(theirs.size(), 500U);
-    EXPECT_EQ(theirs, ours);
-}
-
 TEST(Login, WhatIsNoAccountingFile) {
-    namespace fs = std::filesystem;
-    for (const std::string command :
-         {"true", ": >/var/log/wtmp", "mkdir /var/log/wtmp", "mkfifo /var/log/wtmp",
-          "ln -s /dev/zero /var/log/wtmp", "ln -s wtmp /var/log/wtmp", "printf 7 >/var/log/wtmp",
-          // The C library reads this one in the other's place.
-          "mkfifo /var/log/wtmpx; : >/var/log/wtmp"}) {
+    for (const std::string& command :
+         Strings{"true", ": >$F", "mkdir $F", "mkfifo $F", "ln -s /dev/zero $F", "ln -s wtmp $F",
+                 "printf 7 >$F", "mkfifo ${F}x; : >$F"}) {  // the C library reads that in its place
         SCOPED_TRACE(command);
-        fs::remove_all(kFile);
-        ASSERT_EQ(0, std::system(command.c_str()));
-        OpenTaskPtr task = LoginTask();
+        fs::remove_all(kLoginFile);
+        Shell(std::string("F=") + kLoginFile + "; " + command);
+        OpenTaskPtr task = NewTask();
         std::vector<utmp_info> fresh(1);
         task->ReadLastAllinfo(fresh);
         EXPECT_TRUE(fresh.empty() && task->utmp_list.empty());
-        fs::remove_all(kFile);
+        fs::remove_all(kLoginFile);
         fs::remove("/var/log/wtmpx");
-        Log(Entry(7, "tty1", "al", "", 5));
+        Log(LoginEntry(7, "tty1", 5));
         task->ReadLastAllinfo(fresh);  // the next pass finds what has come
         EXPECT_EQ(1U, fresh.size());
     }
-    fs::remove_all(kFile);
+    fs::remove_all(kLoginFile);
 }
 
-// The reader works on a thread of its own, as it does in the agent.
+// Each reader works on a thread of its own, as it does in the agent.
 TEST(Login, ALockedFileIsLeftForLater) {
-    std::remove(kFile);
-    // Under this name, too, it is looked at.
-    ASSERT_EQ(0, symlink("wtmp", "/var/log/wtmpx"));
-    OpenTaskPtr task = LoginTask();
-    std::vector<utmp_info> fresh;
-    Log(Entry(7, "tty1", "al", "", 5));
+    fs::remove(kLoginFile);
+    fs::create_symlink("wtmp", "/var/log/wtmpx");  // under this name, too, it is looked at
+    OpenTaskPtr task = NewTask();
+    OpenTaskPtr stopped = NewTask();
+    std::vector<utmp_info> fresh, none;
+    Log(LoginEntry(7, "tty1", 5));
     task->ReadLastAllinfo(fresh);
-    Log(Entry(8, "tty1", "", "", 9));
+    Log(LoginEntry(8, "tty1", 9));
     // No longer just changed: a whole reading would not be repeated.
     std::this_thread::sleep_for(std::chrono::milliseconds(2100));
-    int ready[2] = {-1, -1};
-    ASSERT_EQ(0, pipe(ready));
-    const pid_t writer = fork();
-    if (writer == 0) {
-        struct flock lock = {};
-        lock.l_type = F_WRLCK;
-        fcntl(open(kFile, O_RDWR), F_SETLK, &lock);
-        [[maybe_unused]] const ssize_t told = write(ready[1], "x", 1);
-        pause();
+    const int holder = open(kLoginFile, O_RDWR);
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    ASSERT_EQ(0, fcntl(holder, F_OFD_SETLK, &lock));
+    auto read = std::async(std::launch::async, [&] { task->ReadLastAllinfo(fresh); });
+    EXPECT_EQ(std::future_status::ready, read.wait_for(std::chrono::seconds(20)));  // not for ever
+    EXPECT_TRUE(fresh.empty());
+    read = std::async(std::launch::async, [&] { stopped->ReadLastAllinfo(none); });
+    while (stopped->utmp_mutex.tryLock()) {  // free: the reading has not begun
+        stopped->utmp_mutex.unlock();
     }
-    char byte = 0;
-    EXPECT_EQ(1, read(ready[0], &byte, 1));
-    const auto reads_within = [&](OpenTask& reading, int seconds, bool stop) {
-        std::atomic<bool> done{false};
-        std::thread reader([&] {
-            reading.ReadLastAllinfo(fresh);
-            done = true;
-        });
-        while (stop && reading.utmp_mutex.tryLock()) {  // free: the reading has not begun
-            reading.utmp_mutex.unlock();
-        }
-        if (stop) {
-            reading.RequestStop();
-        }
-        const bool in_time =
-            TestSupport::Await([&] { return done.load(); }, std::chrono::seconds(seconds));
-        if (!in_time) {
-            kill(writer, SIGKILL);
-        }
-        reader.join();
-        return in_time;
-    };
-    EXPECT_TRUE(reads_within(*task, 20, false));  // 10 s, not for ever
-    EXPECT_TRUE(fresh.empty());
-    EXPECT_TRUE(reads_within(*LoginTask(), 5, true));
-    EXPECT_TRUE(fresh.empty());
-    kill(writer, SIGKILL);
-    waitpid(writer, nullptr, 0);
-    EXPECT_TRUE(reads_within(*task, 20, false));
+    stopped->RequestStop();
+    EXPECT_EQ(std::future_status::ready, read.wait_for(std::chrono::seconds(5)));
+    EXPECT_TRUE(none.empty());
+    close(holder);
+    task->ReadLastAllinfo(fresh);
     EXPECT_EQ(1U, fresh.size());
-    std::remove("/var/log/wtmpx");
-}
-
-TEST(Login, EveryOtherCycle) {
-    std::remove(kFile);
-    for (const bool enabled : {true, false}) {
-        OpenTaskPtr task = LoginTask();
-        task->rsyslog_policy.get_lastlog = enabled;
-        std::size_t known = 0;
-        for (int run = 1; run <= 53; ++run) {
-            Log(Entry(7, "tty1", "al", "", 1000 * run));
-            task->Run();
-            const bool collects = enabled && task->cycle_count % 2 == 0;
-            EXPECT_EQ(collects, task->utmp_list.size() > known) << run;
-            known = task->utmp_list.size();
-        }
-        EXPECT_EQ(3, task->cycle_count);
-    }
+    fs::remove("/var/log/wtmpx");
 }
 
 }  // namespace

@@ -1,14 +1,23 @@
 #pragma once
 
 #include <Poco/AutoPtr.h>
+#include <utmp.h>
 
-#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <sstream>
+#include <stdexcept>
 
 #include "module/module_rsyslog/src/RsyslogPolicy.h"
 #include "module/module_rsyslog/src/RsyslogTask.h"
 #include "test/support/TestSupport.h"
 
 namespace TestSupport {
+
+namespace fs = std::filesystem;
+using Strings = std::vector<std::string>;
+using Reports = std::vector<std::pair<std::string, std::string>>;
 
 // The task with its operations and state open to tests.
 class OpenTask : public Engine::RsyslogTask {
@@ -18,12 +27,10 @@ public:
         RsyslogTask::utmp_mutex;
     using RsyslogTask::BuildHistoryLog, RsyslogTask::CheckHistoryProfile,
         RsyslogTask::CheckHistoryReport, RsyslogTask::HistoryBackupLog,
-        RsyslogTask::HistoryFindTimestamp, RsyslogTask::HistoryFindWhiteCmd,
         RsyslogTask::HistorySetLogPath, RsyslogTask::HistoryTailLogs, RsyslogTask::HistoryWriteLog,
         RsyslogTask::ParseHistoryLog, RsyslogTask::SyslogGetUserList;
     using RsyslogTask::BuildLastInfo, RsyslogTask::GetLocalTimeStr, RsyslogTask::GetSplittimeStr,
-        RsyslogTask::LogtimeToInt, RsyslogTask::ParseEveryUtmp, RsyslogTask::ReadLastAllinfo,
-        RsyslogTask::SendLastLogInfo, RsyslogTask::UtmpEndutent, RsyslogTask::UtmpSetutent;
+        RsyslogTask::LogtimeToInt, RsyslogTask::ParseEveryUtmp, RsyslogTask::ReadLastAllinfo;
     using RsyslogTask::CheckSyslogNeedRewrite, RsyslogTask::CheckSyslogRunning,
         RsyslogTask::GenerateRsyslogConfContent, RsyslogTask::GetIncludeConfigPath,
         RsyslogTask::OverWriteSyslogngConf, RsyslogTask::OverWriteSyslogngReadAuditConf,
@@ -34,7 +41,59 @@ public:
 using OpenTaskPtr = Poco::AutoPtr<OpenTask>;
 
 inline OpenTaskPtr NewTask() {
+    TestEngine();
     return OpenTaskPtr(new OpenTask);
+}
+
+const char* const kCommandLog = "/tmp/commands.log";
+const char* const kLoginLog = "/tmp/logins.log";
+
+// A task in light cycles that records and reports all there is, in logs begun anew.
+inline OpenTaskPtr CollectingTask() {
+    fs::remove(kCommandLog);
+    fs::remove(kLoginLog);
+    OpenTaskPtr task = NewTask();
+    task->cycle_count = 1;
+    auto& policy = task->rsyslog_policy;
+    policy.get_history = policy.up_history = policy.get_lastlog = policy.up_lastlog = true;
+    policy.tchar_filter = true;
+    policy.history_size = 10;
+    policy.his_count = policy.his_interval = 10000;
+    policy.history_log_path = kCommandLog;
+    policy.last_login_log_path = kLoginLog;
+    return task;
+}
+
+// The lines of a file, each from behind its first `skipped` bytes.
+inline Strings LinesOf(const std::string& path, std::size_t skipped = 0) {
+    std::istringstream text(ReadText(path));
+    Strings lines;
+    for (std::string line; std::getline(text, line);) {
+        lines.push_back(line.substr(skipped));
+    }
+    return lines;
+}
+
+const char* const kLoginFile = "/var/log/wtmp";
+
+inline utmp LoginEntry(int type, const char* line, int time) {
+    utmp entry = {};
+    entry.ut_type = static_cast<short>(type);
+    std::strcpy(entry.ut_line, line);
+    entry.ut_tv.tv_sec = time;
+    return entry;
+}
+
+// Adds a record to the accounting file.
+inline void Log(const utmp& entry) {
+    std::ofstream(kLoginFile, std::ios::app | std::ios::binary)
+        .write(reinterpret_cast<const char*>(&entry), sizeof(entry));
+}
+
+inline void Shell(const std::string& command) {
+    if (std::system(command.c_str()) != 0) {
+        throw std::runtime_error(command + " failed");
+    }
 }
 
 }  // namespace TestSupport

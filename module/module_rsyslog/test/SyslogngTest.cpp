@@ -2,15 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-
 #include "module/module_rsyslog/test/ModuleSupport.h"
 
 namespace {
 
-using TestSupport::LogCapture;
-using TestSupport::ReadText;
-using TestSupport::WriteText;
+using namespace TestSupport;
 
 const std::string kConf = "/etc/syslog-ng/syslog-ng.conf";
 const std::string kProfile = "/etc/apparmor.d/sbin.syslog-ng";
@@ -31,13 +27,9 @@ const std::string kBlock = kBegin +
                            "log { source(watchpost_src2); destination(watchpost_server3); };\n\n" +
                            kEnd;
 
-void Shell(const std::string& command) {
-    ASSERT_EQ(0, std::system(command.c_str())) << command;
-}
-
-TestSupport::OpenTaskPtr ForwardingTask() {
+OpenTaskPtr ForwardingTask() {
     Shell("mkdir -p " + kBackups);
-    TestSupport::OpenTaskPtr task = TestSupport::NewTask();
+    OpenTaskPtr task = NewTask();
     task->rsyslog_policy.server_type = "udp";
     task->rsyslog_policy.log_path = {{"514", "/var/log/a", {"s1", "s2"}},
                                      {"601", "/var/log/b c", {"s1"}}};
@@ -55,7 +47,7 @@ TEST(Syslogng, BlocksAreReplacedWhereTheyAre) {
         {truncated, truncated},
     };
     for (const bool files : {true, false}) {
-        TestSupport::OpenTaskPtr task = ForwardingTask();
+        OpenTaskPtr task = ForwardingTask();
         if (!files) {
             task->rsyslog_policy.log_path.clear();
         }
@@ -112,7 +104,7 @@ TEST(Syslogng, FailuresKeepTheText) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.fault);
         const LogCapture log("module_rsyslog");
-        TestSupport::OpenTaskPtr task = ForwardingTask();
+        OpenTaskPtr task = ForwardingTask();
         task->rsyslog_policy.server_type = c.type;
         WriteText(kConf, conf);
         WriteText(kProfile, profile);
