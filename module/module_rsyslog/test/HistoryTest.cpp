@@ -158,55 +158,46 @@ TEST(StartUpFile, ReadAgainOnlyWhenTouched) {
     EXPECT_EQ(6, log.Count("8 file [/home/ann/.bash_profile] no stat."));
 }
 
-// The file's state as it is to be remembered, and what a cycle is to find new.
+// What a cycle is to find new in the file, by what the one before has seen of it.
 struct TailModel {
-    bool ready = false;
-    std::string seen, tail;
-
     void Renew(const std::string& content) {
+        ready = true;
         seen = content;
         tail = content.substr(content.size() - std::min<std::size_t>(1024, content.size()));
         tail.resize(std::strlen(tail.c_str()));
-        ready = true;
     }
-    bool Cycle(const std::string& content, Strings& lines) {
-        if (!ready) {
-            Renew(content);
-        }
-        if (content == seen || content.empty()) {
-            return false;
+    std::string Cycle(const std::string& content) {
+        if (!ready || content == seen || content.empty()) {
+            ready ? void() : Renew(content);
+            return "";
         }
         std::string fresh = content;
         const std::string half = tail.substr(tail.size() / 2);
-        if (const auto at = content.find(tail); at != std::string::npos) {
-            fresh = content.substr(at + tail.size());
-        } else if (const auto half_at = content.find(half);
-                   half.size() > 20 && half_at != std::string::npos) {
-            fresh = content.substr(half_at + half.size());
-        }
-        std::istringstream text(fresh);
-        for (std::string line; std::getline(text, line);) {
-            lines.push_back(line);
+        const auto at = content.find(tail), half_at = content.find(half);
+        if (at != std::string::npos) {
+            fresh.erase(0, at + tail.size());
+        } else if (half.size() > 20 && half_at != std::string::npos) {
+            fresh.erase(0, half_at + half.size());
         }
         Renew(content);
-        return true;
+        return fresh.empty() || fresh.back() == '\n' ? fresh : fresh + "\n";
     }
+    bool ready = false;
+    std::string seen, tail;
 };
 
 TEST(Tailing, AgreesWithTheModel) {
     std::mt19937 random(20240522);
     const Strings words = {"ls\n",
                            "\n",
-                           "#1700000000\n",
                            "make -j2 all && make install\n",
-                           std::string("a\0b\n", 4),
                            "x",
+                           std::string("a\0b\n", 4),
                            std::string(700, 'y') + "\n"};
-    int fresh_cycles = 0;
+    std::size_t found = 0;
     for (int run = 0; run < 150; ++run) {
         OpenTaskPtr task = NewHistoryTask();
-        Engine::user_info user;
-        user.history_path = kHistory;
+        task->rsyslog_policy.up_history = false;
         TailModel model;
         std::string content;
         for (int step = 0; step < 30; ++step) {
@@ -215,43 +206,34 @@ TEST(Tailing, AgreesWithTheModel) {
             for (std::size_t i = random() % 4; i > 0; --i) {
                 more += words[random() % words.size()];
             }
-            switch (random() % 8) {
-                case 0:  // cut at any byte
-                    content.resize(random() % (content.size() + 1));
-                    break;
-                case 1:  // the last bytes, from a line's start, and more
-                    content = content.substr(content.size() / 2);
-                    content.erase(0, content.find('\n') + 1).append(more);
-                    break;
-                case 2:
-                    content = more;
-                    break;
-                case 3:
-                    content.insert(0, more);
-                    break;
-                default:
-                    content += more;
+            const std::size_t action = random() % 8;
+            if (action == 0) {  // cut at any byte
+                content.resize(random() % (content.size() + 1));
+            } else if (action == 1) {  // the last bytes, from a line's start, and more
+                content = content.substr(content.size() / 2);
+                content.erase(0, content.find('\n') + 1).append(more);
+            } else if (action == 2) {
+                content = more;
+            } else {
+                content.insert(action == 3 ? 0 : content.size(), more);
             }
-            const bool exists = random() % 8 != 0;
             fs::remove(kHistory);
-            if (exists) {
+            fs::remove(kCommandLog);
+            std::string fresh;
+            if (random() % 8 != 0) {
                 WriteText(kHistory, content);
+                fresh = model.Cycle(content);
             }
-            Strings expected;
-            const bool fresh = exists && model.Cycle(content, expected);
-            if (!user.tail_ready) {
-                user.tail_ready =
-                    task->HistorySetLogPath(user.history_hash, true, user.history_tail, kHistory);
+            task->BuildHistoryLog();
+            std::string recorded;
+            for (const auto& command : RecordedCommands()) {
+                recorded += command + "\n";
             }
-            Strings lines;
-            ASSERT_EQ(fresh, task->HistoryTailLogs(lines, user));
-            ASSERT_EQ(expected, lines);
-            ASSERT_EQ(model.ready, user.tail_ready);
-            ASSERT_EQ(model.tail, user.history_tail);
-            fresh_cycles += fresh ? 1 : 0;
+            ASSERT_EQ(fresh, recorded);
+            found += fresh.empty() ? 0 : 1;
         }
     }
-    EXPECT_GT(fresh_cycles, 1000);
+    EXPECT_GT(found, 1000U);
 }
 
 // Ann's shell appends all the time to a file that takes long to read; eve's file is at times a
@@ -292,21 +274,21 @@ TEST(Tailing, WhatIsAppendedMeanwhileArrivesOnce) {
 }
 
 // Without a baseline all is new. Megabytes are 2^20 bytes, counted in 32 bits.
-TEST(Tailing, Bounds) {
+TEST(Tailing, WhatIsRead) {
     OpenTaskPtr task = NewHistoryTask();
-    constexpr std::size_t kMebi = 1 << 20;
     const std::string unchanged = "8 history file [/home/ann/.bash_history] not change.";
     const std::string unread = "8 history file no hash /home/ann/.bash_history.";
-    for (const auto& [size, limit, read, lines] :
-         {std::tuple(kMebi, 1, true, Strings{unchanged}),
-          std::tuple(kMebi + 1, 1, false, Strings()),
-          std::tuple(std::size_t{0}, 1, false, Strings()),
-          std::tuple(10 * kMebi, 11, true, Strings{unchanged}),
-          std::tuple(10 * kMebi + 1, 11, false, Strings{unread, unread}),
-          std::tuple(std::size_t{1}, 4096, false, Strings())}) {
-        SCOPED_TRACE(std::to_string(size) + " in " + std::to_string(limit));
+    for (const auto& [command, limit, read, lines] :
+         {std::tuple("truncate -s 1M $F", 1, true, Strings{unchanged}),
+          std::tuple("truncate -s 1048577 $F", 1, false, Strings()),
+          std::tuple(": >$F", 1, false, Strings()),
+          std::tuple("truncate -s 10M $F", 11, true, Strings{unchanged}),
+          std::tuple("truncate -s 10485761 $F", 11, false, Strings{unread, unread}),
+          std::tuple("echo >$F", 4096, false, Strings()),
+          std::tuple("rm $F", 10, false, Strings{unread, unread})}) {
+        SCOPED_TRACE(command);
         const LogCapture log("module_rsyslog");
-        WriteText(kHistory, std::string(size, 'x'));
+        Shell(std::string("F=") + kHistory + "; " + command);
         task->rsyslog_policy.history_size = limit;
         Engine::user_info user;
         user.history_path = kHistory;
@@ -318,32 +300,28 @@ TEST(Tailing, Bounds) {
     }
 }
 
-TEST(Tailing, WhatCannotBeRead) {
+TEST(Tailing, Baselines) {
     OpenTaskPtr task = NewHistoryTask();
-    const std::string link = "/home/ann/link";
     WriteText(kHistory, std::string(2000, 'x') + "last");
-    Shell("ln -s .bash_history " + link + "; chown -h 1000 " + link);  // of another's file
+    Shell("ln -s /home/ann/.bash_history /tmp/link; chown -h 1000 /tmp/link");  // to another's
     const LogCapture log("module_rsyslog");
     Engine::user_info user;
-    Strings lines;
-    EXPECT_FALSE(task->HistoryTailLogs(lines, user));
-    for (const char* path : {static_cast<const char*>(nullptr), "", "/nowhere", link.c_str()}) {
-        EXPECT_FALSE(task->HistorySetLogPath(user.history_hash, true, user.history_tail, path));
-    }
-    EXPECT_FALSE(
-        task->HistorySetLogPath(user.history_hash, false, user.history_tail, link.c_str()));
-    user.history_path = "/nowhere";
-    EXPECT_FALSE(task->HistoryTailLogs(lines, user));
-    const std::string empty = "3 file path is null or length is 0.";
-    EXPECT_EQ((Strings{empty, empty, empty, "8 history file no hash /nowhere",
-                       "8 history file no hash " + link, "3 open log file [" + link + "] failed",
-                       "8 history file no hash /nowhere."}),
-              log.Lines());
-    // The last bytes alone.
-    EXPECT_TRUE(task->HistorySetLogPath(user.history_hash, false, user.history_tail, kHistory));
+    const auto takes = [&](bool with_hash, const char* path) {
+        return task->HistorySetLogPath(user.history_hash, with_hash, user.history_tail, path);
+    };
+    EXPECT_TRUE(takes(false, kHistory));  // the last bytes alone
     EXPECT_EQ(std::string(1020, 'x') + "last", user.history_tail);
-    EXPECT_TRUE(task->HistorySetLogPath(user.history_hash, false, user.history_tail, "/nowhere"));
+    EXPECT_TRUE(takes(false, "/nowhere"));
     EXPECT_STREQ("", user.history_tail);
+    EXPECT_FALSE(takes(true, nullptr) || takes(true, "") || takes(true, "/nowhere") ||
+                 takes(true, "/tmp/link") || takes(false, "/tmp/link"));
+    Strings fresh;
+    EXPECT_FALSE(task->HistoryTailLogs(fresh, user));  // no path
+    const std::string empty = "3 file path is null or length is 0.";
+    EXPECT_EQ(
+        (Strings{empty, empty, "8 history file no hash /nowhere",
+                 "8 history file no hash /tmp/link", "3 open log file [/tmp/link] failed", empty}),
+        log.Lines());
 }
 
 // The commands of ann's from these lines, in one cycle.
