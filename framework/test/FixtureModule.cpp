@@ -4,8 +4,8 @@
 #include "framework/Module.h"
 
 // One source, built into several modules: the definition FIXTURE_<kind> says what is wrong with it.
-// FIXTURE_SOUND starts the task "start", and a task named after the text of each document; a task
-// reports its name when it starts and "end" when it ends.
+// FIXTURE_SOUND starts the task "start", and a task named after the text of each document, all but
+// "bad" accepted; a task reports its name when it starts and "end" when it ends.
 #ifndef FIXTURE_FACTORY_MISSING
 
 namespace {
@@ -23,6 +23,11 @@ public:
     void UnInit() override {
         SendDirectMsg("data_comm_report_task", std::make_shared<DataMessage>("fixture", "end"));
     }
+};
+
+struct FixturePolicy : Framework::FeaturePolicy {
+    using FeaturePolicy::FeaturePolicy;
+    bool Parse(const std::string& /*text*/) override { return true; }
 };
 
 class FixtureModule : public Framework::Module {
@@ -51,7 +56,7 @@ private:
     Framework::Policy* OnPolicy(const std::string& /*key*/, const std::string& text,
                                 Framework::Policy*& /*current*/) {
         RegisterTask(new FixtureTask(text), true);
-        return nullptr;
+        return text == "bad" ? nullptr : new FixturePolicy("feature");
     }
 };
 
