@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <sstream>
 
 #include "agent/MetricsTask.h"
 #include "sdk/test/TempDir.h"
@@ -46,33 +47,29 @@ TEST(FormatMetrics, TellsTheStateInLinesThatAnyReaderTakes) {
     reports.failures = 9;
 
     const std::string text = "\n" + FormatMetrics(state, reports);
-    const std::string policy = R"({feature="f",module="m"})";
-    for (const std::string& line : {
-             R"(watchpost_policy_info{feature="f",file="a)"
-             "\xef\xbf\xbd"
-             R"(\"\n.json",hash="",id=")" +
-                 std::string(300, 'i') + R"(",module="m"} 1)",
-             "watchpost_policy_enabled" + policy + " 0",
-             "watchpost_policy_since_timestamp_seconds" + policy + " 1.5",
-             std::string(R"(watchpost_policy_findings{feature="f",module="m",severity="error"} 2)"),
-             std::string(
-                 R"(watchpost_policy_findings{feature="f",module="m",severity="warning"} 1)"),
-             std::string("watchpost_policy_files_refused 2"),
-             std::string(R"(watchpost_policy_deliveries_total{result="accepted"} 3)"),
-             std::string(R"(watchpost_policy_deliveries_total{result="refused"} 4)"),
-             std::string(R"(watchpost_queue_messages{task="t"} 5)"),
-             std::string(R"(watchpost_queue_bytes{task="t"} 6)"),
-             std::string(R"(watchpost_task_period_seconds{task="cyclic"} 10)"),
-             std::string(R"(watchpost_task_due_timestamp_seconds{task="cyclic"} 1795000000.25)"),
-             std::string(R"(watchpost_condition_good{module="m",subject="bad"} 0)"),
-             std::string(R"(watchpost_condition_good{module="m",subject="well"} 1)"),
-             std::string(R"(watchpost_events_total{event="e",module="m"} 7)"),
-             std::string(R"(watchpost_last_success_timestamp_seconds{module="m",work="never"} 0)"),
-             std::string(R"(watchpost_last_success_timestamp_seconds{module="m",work="once"} 2)"),
-             std::string(R"(watchpost_reports_total{type="r"} 8)"),
-             std::string("watchpost_report_bytes_total 4503599627370496"),
-             std::string("watchpost_report_write_failures_total 9"),
-         }) {
+    std::istringstream expected(
+        "watchpost_policy_info{feature=\"f\",file=\"a\xef\xbf\xbd\\\"\\n.json\",hash=\"\",id=\"" +
+        std::string(300, 'i') + "\",module=\"m\"} 1" + R"(
+watchpost_policy_enabled{feature="f",module="m"} 0
+watchpost_policy_since_timestamp_seconds{feature="f",module="m"} 1.5
+watchpost_policy_findings{feature="f",module="m",severity="error"} 2
+watchpost_policy_findings{feature="f",module="m",severity="warning"} 1
+watchpost_policy_files_refused 2
+watchpost_policy_deliveries_total{result="accepted"} 3
+watchpost_policy_deliveries_total{result="refused"} 4
+watchpost_queue_messages{task="t"} 5
+watchpost_queue_bytes{task="t"} 6
+watchpost_task_period_seconds{task="cyclic"} 10
+watchpost_task_due_timestamp_seconds{task="cyclic"} 1795000000.25
+watchpost_condition_good{module="m",subject="bad"} 0
+watchpost_condition_good{module="m",subject="well"} 1
+watchpost_events_total{event="e",module="m"} 7
+watchpost_last_success_timestamp_seconds{module="m",work="never"} 0
+watchpost_last_success_timestamp_seconds{module="m",work="once"} 2
+watchpost_reports_total{type="r"} 8
+watchpost_report_bytes_total 4503599627370496
+watchpost_report_write_failures_total 9)");
+    for (std::string line; std::getline(expected, line);) {
         EXPECT_NE(std::string::npos, text.find("\n" + line + "\n")) << line << text;
     }
     // Cumulative, and of a task with cycles only.
@@ -87,7 +84,6 @@ TEST(FormatMetrics, TellsTheStateInLinesThatAnyReaderTakes) {
 
 TEST(MetricsTask, WritesForEveryReaderAndRemovesWhatItWrote) {
     const TempDir folder;
-    const TestSupport::LogCapture log("watchpost");
     TestSupport::TestEngine();
     const std::string path = folder / "collector/watchpost.prom";
     Poco::AutoPtr<MetricsTask> task(new MetricsTask(path, new ReportTask(folder / "report")));
@@ -96,13 +92,6 @@ TEST(MetricsTask, WritesForEveryReaderAndRemovesWhatItWrote) {
     umask(usual);
     EXPECT_EQ(0644, static_cast<int>(fs::status(path).permissions()));
     EXPECT_EQ(0U, TestSupport::ReadText(path).find("# HELP watchpost_"));
-    fs::rename(folder / "collector", folder / "away");
-    TestSupport::WriteText(folder / "collector", "in the way");
-    task->Run();
-    task->Run();
-    EXPECT_EQ(1, log.Holding("3 metrics file " + path + " cannot be written, trying again: Not a"));
-    fs::remove(folder / "collector");
-    fs::rename(folder / "away", folder / "collector");
     task->UnInit();
     EXPECT_TRUE(fs::is_empty(folder / "collector"));
 }

@@ -9,7 +9,10 @@
 class TempDir {
 public:
     TempDir() { path_ = mkdtemp(path_.data()); }
-    ~TempDir() { std::filesystem::remove_all(path_); }
+    ~TempDir() {
+        std::error_code mounted;
+        std::filesystem::remove_all(path_, mounted);
+    }
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
 
