@@ -9,7 +9,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
-#include <future>
 #include <set>
 
 #include "agent/PolicyDirectory.h"
@@ -228,7 +227,7 @@ int RunAgent(const std::string& options, const std::string& first = "") {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-TEST(Program, ABadStartIsOneLineAndAStatusAndAGoodOneStopsInOrder) {
+TEST(Program, ABadStartIsOneLineAndAStatusAndADaemonStopsInOrder) {
     const std::string home = "/usr/local/watchpost/";
     const std::string report = "/tmp/report";
     for (const std::string& path : {home + "module", home + "conf", home + "log"}) {
@@ -266,6 +265,7 @@ TEST(Program, ABadStartIsOneLineAndAStatusAndAGoodOneStopsInOrder) {
          "module.dir /tmp: others than its owner may write it (mode 1777)"},
         {"--config=/tmp", 78, "Is a directory"},
         {"", 78, "line 2: cpu.limit.percent must be a number", "\ncpu.limit.percent=101"},
+        {"", 78, "line 2: unknown key x", "cpu.limit.percent=100\nx=1"},
         {"", 78, "line 1: log.level must be error, warning", "log.level = loud"},
         {"", 78, "line 2: unknown key log.lvel", "# log.lvl\nlog.lvel = debug"},
         {"", 78, "line 1: unknown key pidfile", "pidfile = /tmp/pid"},
@@ -277,6 +277,7 @@ TEST(Program, ABadStartIsOneLineAndAStatusAndAGoodOneStopsInOrder) {
         {"--log-dir=/none", 72, "/none"},
         {"--report=/dev/null", 73, "Invalid argument"},
         {"--pidfile=/none/pid", 73, "/none/pid"},
+        {"--pidfile=/tmp/pid --report=/none/report", 73, "/none/report"},
         {"--daemon --report=/none/report", 73, "/none"},
     };
     for (const auto& each : cases) {
@@ -299,11 +300,21 @@ TEST(Program, ABadStartIsOneLineAndAStatusAndAGoodOneStopsInOrder) {
         "--report --version ",
         ReadText("/tmp/out"));
 
+    EXPECT_FALSE(fs::exists("/tmp/pid")) << "of the starts that failed";
+
+    // A daemon takes paths from the directory of its start, and opens the most of them later.
     WriteText("/tmp/policy/p.json", "0");
-    auto status = std::async(std::launch::async, [] { return RunAgent("--pidfile=/tmp/pid"); });
+    WriteText("/tmp/conf", "policy.dir=/none\nreport.file=report\nsound.volume=1");
+    fs::current_path("/tmp");
+    EXPECT_EQ(0, RunAgent("--daemon --config=conf --pidfile=pid"));
+    fs::current_path("/");
     EXPECT_TRUE(Await([&] { return Contents(report) == Strings{"start", "0"}; }));
+    EXPECT_EQ(0640, static_cast<int>(fs::status(report).permissions()));
     const int process = std::atoi(ReadText("/tmp/pid").c_str());
     ASSERT_LT(1, process);
+    EXPECT_EQ(process, getsid(process));
+    EXPECT_EQ("/dev/null", fs::read_symlink("/proc/" + std::to_string(process) + "/fd/2"));
+    EXPECT_EQ("/", fs::read_symlink("/proc/" + std::to_string(process) + "/cwd"));
     EXPECT_EQ(75, RunAgent("--pidfile=/tmp/pid")) << "a second one";
     EXPECT_EQ(process, std::atoi(ReadText("/tmp/pid").c_str()));
     fs::rename(report, report + ".1");
@@ -312,31 +323,11 @@ TEST(Program, ABadStartIsOneLineAndAStatusAndAGoodOneStopsInOrder) {
     EXPECT_TRUE(Await([&] { return fs::exists(report); }));
     WriteText("/tmp/pid", "1\n");
     kill(process, SIGTERM);
-    EXPECT_EQ(0, status.get());
+    EXPECT_TRUE(Await([&] { return kill(process, 0) != 0; }));
     EXPECT_EQ("1\n", ReadText("/tmp/pid")) << "another's by now";
     // What the tasks send while they end is in the file as well.
     EXPECT_EQ(6U, Contents(report + ".1").size() + Contents(report).size());
     EXPECT_EQ("end", Contents(report).back());
-}
-
-TEST(Program, ADaemonTakesPathsFromTheDirectoryOfItsStart) {
-    for (const char* directory : {"/tmp/here", "/tmp/here/policy", "/tmp/here/module"}) {
-        fs::create_directory(directory);
-    }
-    fs::copy_file(SOUND_MODULE, "/tmp/here/module/sound.so");
-    WriteText("/tmp/here/conf",
-              "module.dir=module\npolicy.dir=policy\nlog.dir=.\nreport.file=report");
-    fs::current_path("/tmp/here");
-    EXPECT_EQ(0, std::system("'" WATCHPOST_PROGRAM "' --daemon --config=conf --pidfile=pid"));
-    fs::current_path("/");
-    const int process = std::atoi(ReadText("/tmp/here/pid").c_str());
-    ASSERT_LT(1, process);
-    // What the agent opens from here on, it opens in the background.
-    fs::remove("/tmp/here/report");
-    WriteText("/tmp/here/policy/p.json", "0");
-    EXPECT_TRUE(Await([] { return fs::exists("/tmp/here/report"); }));
-    kill(process, SIGTERM);
-    EXPECT_TRUE(Await([&] { return !fs::exists("/tmp/here/pid"); }));
 }
 
 }  // namespace
