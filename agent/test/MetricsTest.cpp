@@ -1,16 +1,11 @@
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
-#include <filesystem>
 #include <sstream>
 
 #include "agent/MetricsTask.h"
-#include "sdk/test/TempDir.h"
-#include "test/support/TestSupport.h"
 
 namespace {
 
-namespace fs = std::filesystem;
 using Framework::Severity;
 
 TEST(FormatMetrics, TellsTheStateInLinesThatAnyReaderTakes) {
@@ -80,20 +75,6 @@ watchpost_report_write_failures_total 9)");
         buckets += text.substr(text.find(' ', at), text.find('\n', at + 1) - text.find(' ', at));
     }
     EXPECT_EQ(" 4 1001.0005 1 1 1 3 3 3 3 4", buckets);
-}
-
-TEST(MetricsTask, WritesForEveryReaderAndRemovesWhatItWrote) {
-    const TempDir folder;
-    TestSupport::TestEngine();
-    const std::string path = folder / "collector/watchpost.prom";
-    Poco::AutoPtr<MetricsTask> task(new MetricsTask(path, new ReportTask(folder / "report")));
-    const mode_t usual = umask(027);
-    task->Run();
-    umask(usual);
-    EXPECT_EQ(0644, static_cast<int>(fs::status(path).permissions()));
-    EXPECT_EQ(0U, TestSupport::ReadText(path).find("# HELP watchpost_"));
-    task->UnInit();
-    EXPECT_TRUE(fs::is_empty(folder / "collector"));
 }
 
 }  // namespace
