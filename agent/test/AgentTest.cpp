@@ -149,11 +149,9 @@ TEST(ReportTask, TriesAgainWhileTheFileCannotBeWrittenAndCountsWhatItDoes) {
 TEST(PolicyDirectory, DeliversWhatIsReadableWholeAndChangedAndSettlesEachTime) {
     const TempDir folder;
     const LogCapture log("watchpost");
-    const auto run = [&](const std::string& commands) {
-        EXPECT_EQ(0, std::system(("cd " + (folder / ".") + "; " + commands).c_str())) << commands;
-    };
-    run("mkdir policy; cd policy; for i in z.json a.json b.txt half.json; do printf 1 >$i; done; "
-        "mkfifo fifo.json; truncate -s 1048577 large.json");
+    ASSERT_EQ(0, folder.Run("mkdir policy; cd policy; for i in z.json a.json b.txt half.json; do "
+                            "printf 1 >$i; done; "
+                            "mkfifo fifo.json; truncate -s 1048577 large.json"));
     std::mutex mutex;
     std::string told;
     std::string settled;
@@ -169,7 +167,7 @@ TEST(PolicyDirectory, DeliversWhatIsReadableWholeAndChangedAndSettlesEachTime) {
         [&](const auto& name, const auto& why) { told += "- " + name + " " + why + ";"; });
     // A writer that pauses. On a busy machine the pause may pass for the end of the writing.
     const auto start = std::chrono::steady_clock::now();
-    run("sleep 0.08; printf 2 >>policy/half.json");
+    ASSERT_EQ(0, folder.Run("sleep 0.08; printf 2 >>policy/half.json"));
     const bool slow = std::chrono::steady_clock::now() - start > std::chrono::milliseconds(150);
     std::string expected;
     const std::pair<std::string, std::string> steps[] = {
@@ -190,7 +188,7 @@ TEST(PolicyDirectory, DeliversWhatIsReadableWholeAndChangedAndSettlesEachTime) {
              ", and it belongs to user 1000, not to root;"},
     };
     for (const auto& [commands, news] : steps) {
-        run("cd policy; " + commands);
+        ASSERT_EQ(0, folder.Run("cd policy; " + commands));
         expected += news;
         // Sooner than the scan that needs no event.
         EXPECT_TRUE(slow || Await(
@@ -206,7 +204,7 @@ TEST(PolicyDirectory, DeliversWhatIsReadableWholeAndChangedAndSettlesEachTime) {
     // The watcher follows the directory, so that a file in it is the event for a scan.
     const auto scan = [&](const std::string& commands) {
         const int already = scans;
-        run(commands);
+        ASSERT_EQ(0, folder.Run(commands));
         EXPECT_TRUE(Await([&] { return scans > already; }));
     };
     scan("mv policy away; touch away/one.txt");

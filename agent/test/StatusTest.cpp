@@ -94,14 +94,11 @@ TEST(StatusTask, WritesAWholeReadableFileTriesAgainAndRemovesIt) {
     EXPECT_EQ(ProcessStart(getpid()), status["process_start"].asUInt64());
     EXPECT_EQ(StatusJudgement::kHealthy, JudgeStatus(status, Poco::Timestamp(), true).state);
 
-    fs::rename(directory, folder / "away");
-    TestSupport::WriteText(directory, "in the way");
+    ASSERT_EQ(0, folder.Run("mv run away; echo in the way >run"));
     task->Run();
     task->Run();
     EXPECT_EQ(1, log.Holding("3 status file " + path + " cannot be written, trying again: Not a"));
-    fs::remove(directory);
-    fs::rename(folder / "away", directory);
-    TestSupport::WriteText(path + ".new", "left by one that was killed");
+    ASSERT_EQ(0, folder.Run("rm run; mv away run; echo left by a crash >run/status.json.new"));
     task->Run();
     EXPECT_EQ(1, log.Holding("6 status file " + path + " is written again"));
     task->UnInit();

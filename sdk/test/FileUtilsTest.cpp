@@ -7,7 +7,6 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -92,9 +91,7 @@ int SetAttribute(const std::string& path, const char* name, const std::string& v
 
 TEST(FileUtils, PathsThatAreNoRegularFileAreErrorsAtOnce) {
     const TempDir dir;
-    ASSERT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0);
-    ASSERT_EQ(symlink("fifo", (dir / "to_fifo").c_str()), 0);
-    ASSERT_EQ(symlink("loop", (dir / "loop").c_str()), 0);
+    ASSERT_EQ(dir.Run("mkfifo fifo && ln -s fifo to_fifo && ln -s loop loop"), 0);
     const struct {
         std::string path;
         int error;
@@ -120,39 +117,33 @@ TEST(FileUtils, PathsThatAreNoRegularFileAreErrorsAtOnce) {
 }
 
 TEST(FileUtils, TrustedLinksAreThoseOfRootAndOfTheFilesOwner) {
-    constexpr uid_t kEve = 1000;
-    constexpr uid_t kAnn = 2000;
+    const char* const kRoot = "0";
+    const char* const kEve = "1000";
     const TempDir dir;
     // Each name is a file, or a link to what stands behind the arrow.
     const struct {
         std::string name, target;
-        uid_t owner;
+        const char* owner;
         int error;
-    } cases[] = {{"roots", "", 0, 0},
+    } cases[] = {{"roots", "", kRoot, 0},
                  {"eves", "", kEve, 0},
                  {"good", "eves", kEve, 0},
-                 {"admins", dir / "eves", 0, 0},
+                 {"admins", dir / "eves", kRoot, 0},
                  {"chain", dir / "home/.//home/good", kEve, 0},
                  {"bad", "roots", kEve, EACCES},
-                 {"anns", "eves", kAnn, EACCES},
+                 {"anns", "eves", "2000", EACCES},
                  {"shadow", "/etc/shadow", kEve, EACCES},
-                 {"own", "/etc/shadow", 0, 0},
-                 {"by_root", "bad", 0, EACCES},
+                 {"own", "/etc/shadow", kRoot, 0},
+                 {"by_root", "bad", kRoot, EACCES},
                  {"by_dir", "home/roots", kEve, EACCES},
                  {"loop", "loop", kEve, ELOOP},
                  {"dangling", "none", kEve, ENOENT},
-                 {"device", "/dev/zero", 0, EINVAL},
+                 {"device", "/dev/zero", kRoot, EINVAL},
                  {"through", "eves/x", kEve, ENOTDIR}};
-    ASSERT_EQ(symlink(".", (dir / "home").c_str()), 0);
-    ASSERT_EQ(lchown((dir / "home").c_str(), kEve, kEve), 0);
+    ASSERT_EQ(dir.Run("ln -s . home && chown -h 1000 home"), 0);
     for (const auto& c : cases) {
-        const std::string path = dir / c.name;
-        if (c.target.empty()) {
-            ASSERT_EQ(WriteFile(path, "x", false), 0);
-        } else {
-            ASSERT_EQ(symlink(c.target.c_str(), path.c_str()), 0);
-        }
-        ASSERT_EQ(lchown(path.c_str(), c.owner, c.owner), 0);
+        const std::string made = c.target.empty() ? "printf x >" : "ln -s " + c.target + " ";
+        ASSERT_EQ(dir.Run(made + c.name + " && chown -h " + c.owner + " " + c.name), 0);
     }
     for (const auto& c : cases) {
         std::string content;
@@ -189,10 +180,9 @@ TEST(FileUtils, AFullDiskLeavesEveryFileWholeAndLinksStayLinks) {
     const TempDir dir;
     const std::string large(300000, 'n');
     ASSERT_EQ(mount("tmpfs", (dir / "").c_str(), "tmpfs", 0, "size=256k,nr_inodes=100"), 0);
-    ASSERT_EQ(WriteFile(dir / "app.conf", "old", false), 0);
-    ASSERT_EQ(symlink("app.conf", (dir / "inner").c_str()), 0);
-    ASSERT_EQ(symlink((dir / "inner").c_str(), (dir / "outer").c_str()), 0);
-    ASSERT_EQ(symlink("created", (dir / "dangling").c_str()), 0);
+    ASSERT_EQ(dir.Run("printf old >app.conf && ln -s app.conf inner && ln -s $PWD/inner outer && "
+                      "ln -s created dangling"),
+              0);
     EXPECT_EQ(WriteFile(dir / "outer", "new", false), 0);
     EXPECT_EQ(WriteFile(dir / "dangling", "x", false), 0);
     EXPECT_EQ(WriteFile(dir / "outer", large, false), ENOSPC);
@@ -222,11 +212,7 @@ TEST(FileUtils, AReplacedFileKeepsItsRightsExactlyAndACopyGetsThoseOfItsSource) 
         return std::string(reinterpret_cast<const char*>(&bytes), sizeof bytes);
     };
     const TempDir dir;
-    for (const char* name : {"plain", "listed"}) {
-        ASSERT_EQ(WriteFile(dir / name, "old", false), 0);
-        ASSERT_EQ(chown((dir / name).c_str(), 12, 34), 0);
-        ASSERT_EQ(chmod((dir / name).c_str(), 02644), 0);
-    }
+    ASSERT_EQ(dir.Run("touch plain listed && chown 12:34 * && chmod 2644 *"), 0);
     ASSERT_EQ(SetAttribute(dir / "listed", kAttributes[0], list(0)), 0);
     ASSERT_EQ(SetAttribute(dir / "", "system.posix_acl_default", list(6)), 0);
     // Not every kernel and every user may set these.
@@ -252,10 +238,8 @@ TEST(FileUtils, AFileThatSomethingIsMountedOnIsWrittenInPlace) {
     const TempDir dir;
     const TempDir disk;
     ASSERT_EQ(mount("tmpfs", (disk / "").c_str(), "tmpfs", 0, "size=64k"), 0);
-    ASSERT_EQ(WriteFile(dir / "hosts", "", false), 0);
-    ASSERT_EQ(WriteFile(disk / "hosts", "old content", false), 0);
-    ASSERT_EQ(chmod((disk / "hosts").c_str(), 0604), 0);
-    ASSERT_EQ(mount((disk / "hosts").c_str(), (dir / "hosts").c_str(), nullptr, MS_BIND, nullptr),
+    ASSERT_EQ(disk.Run("echo old content >hosts && chmod 604 hosts && touch " + (dir / "hosts") +
+                       " && mount --bind hosts " + (dir / "hosts")),
               0);
     for (const std::string& content : {std::string("new"), std::string(50000, 'n')}) {
         EXPECT_EQ(WriteFile(dir / "hosts", content, false), 0);
@@ -293,15 +277,12 @@ TEST(FileUtils, KilledWritersLeaveOneFileThatTheNextOneRemoves) {
     const std::string names[] = {"a", std::string(254, 'n') + "1", std::string(254, 'n') + "2"};
     for (int round = 0; round < 2; ++round) {
         for (const std::string& name : names) {
-            const pid_t child = fork();
-            if (child == 0) {
-                killed_at_fsync = true;
-                WriteFile(dir / name, "half", false);
-                _exit(0);
-            }
-            int status = 0;
-            ASSERT_EQ(waitpid(child, &status, 0), child);
-            ASSERT_TRUE(WIFSIGNALED(status));
+            EXPECT_EXIT(
+                {
+                    killed_at_fsync = true;
+                    WriteFile(dir / name, "half", false);
+                },
+                testing::KilledBySignal(SIGKILL), "");
         }
         EXPECT_EQ(EntriesOf(dir), 3);
     }
@@ -315,14 +296,12 @@ TEST(FileUtils, KilledWritersLeaveOneFileThatTheNextOneRemoves) {
 TEST(FileUtils, WhatLiesReadyInThePlaceOfTheNewFileIsNeverWritten) {
     const TempDir dir;
     const std::string place = dir / ".file.watchpost-new";
-    ASSERT_EQ(WriteFile(dir / "precious", "kept", false), 0);
-    ASSERT_EQ(link((dir / "precious").c_str(), place.c_str()), 0);
+    ASSERT_EQ(dir.Run("printf kept >precious && ln precious " + place), 0);
     EXPECT_EQ(WriteFile(dir / "file", "new", false), 0);
-    ASSERT_EQ(symlink("precious", place.c_str()), 0);
+    ASSERT_EQ(dir.Run("ln -s precious " + place), 0);
     EXPECT_EQ(WriteFile(dir / "file", "newer", false), EEXIST);
-    ASSERT_EQ(unlink(place.c_str()), 0);
     // A leftover, which is that of a living writer just when it is to be removed.
-    ASSERT_EQ(WriteFile(place, "leftover", false), 0);
+    ASSERT_EQ(dir.Run("rm " + place + " && echo leftover >" + place), 0);
     int writer = -1;
     before_lock = [&] {
         unlink(place.c_str());

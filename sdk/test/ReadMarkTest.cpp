@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <thread>
 
 #include "sdk/ReadMark.h"
@@ -16,9 +15,6 @@ using SDK::ReadMark;
 TEST(ReadMark, HoldsUntilAnythingHappensToTheFile) {
     const TempDir dir;
     const std::string path = dir / "file";
-    const auto run = [&](const std::string& commands) {
-        EXPECT_EQ(std::system(("cd " + (dir / ".") + "; " + commands).c_str()), 0) << commands;
-    };
     const std::pair<const char*, bool> cases[] = {
         {"cat file >other", true},
         {"printf b >file", false},
@@ -29,14 +25,14 @@ TEST(ReadMark, HoldsUntilAnythingHappensToTheFile) {
         {"chmod 600 file", false},
     };
     for (const auto& [commands, holds] : cases) {
-        run("printf a >file; printf b >other; touch -r file other");
+        ASSERT_EQ(dir.Run("printf a >file; printf b >other; touch -r file other"), 0);
         const FileStamp stamp = FileStamp::Of(path.c_str());
         // The kernel's clock moves in steps: the next change is in a later one.
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
         ReadMark mark;
         EXPECT_FALSE(mark.Holds(stamp));
         mark.Set(stamp, stamp, stamp.changed + 2'000'000'000);
-        run(commands);
+        ASSERT_EQ(dir.Run(commands), 0);
         EXPECT_EQ(mark.Holds(FileStamp::Of(path.c_str())), holds) << commands;
     }
 }

@@ -1,7 +1,6 @@
 #pragma once
 
-#include <stdlib.h>
-
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 
@@ -16,6 +15,10 @@ public:
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
 
+    // Runs shell commands in it; their exit status.
+    int Run(const std::string& commands) const {
+        return std::system(("cd " + path_ + " && " + commands).c_str());
+    }
     std::string operator/(const std::string& name) const { return path_ + "/" + name; }
 
 private:
