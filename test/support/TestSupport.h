@@ -73,12 +73,11 @@ public:
         return CountIf([&](const std::string& each) { return each == line; });
     }
     int Errors() const {
-        return CountIf([](const std::string& each) { return each.compare(0, 2, "3 ") == 0; });
+        return CountIf([](const std::string& each) { return each.rfind("3 ", 0) == 0; });
     }
     // How many lines hold `piece`.
     int Holding(const std::string& piece) const {
-        return CountIf(
-            [&](const std::string& each) { return each.find(piece) != std::string::npos; });
+        return CountIf([&](const std::string& each) { return each.find(piece) != each.npos; });
     }
 
 private:
@@ -114,24 +113,24 @@ public:
     void Stop() { TestEngine().StopTask(task_->name()); }
     auto& Task() { return *task_; }
     // Stops the receiver, so that everything sent has been handled.
-    std::vector<std::pair<std::string, std::string>> Finish() {
+    auto Finish() {
         Stop();
-        return task_->received_;
+        return task_->received;
     }
 
 private:
     struct Receiver : Framework::Task {
         using Task::Task;
         void HandleMsg(const Framework::Message* message) override {
-            const std::lock_guard<std::mutex> hold(gate_);
+            const std::lock_guard<std::mutex> hold(gate);
             const auto& data = dynamic_cast<const Framework::DataMessage&>(*message);
-            received_.emplace_back(data.Type(), data.Content());
+            received.emplace_back(data.Type(), data.Content());
         }
         // While the caller holds this, no message is handled.
-        std::mutex& Gate() { return gate_; }
+        std::mutex& Gate() { return gate; }
 
-        std::mutex gate_;
-        std::vector<std::pair<std::string, std::string>> received_;
+        std::mutex gate;
+        std::vector<std::pair<std::string, std::string>> received;
     };
 
     Poco::AutoPtr<Receiver> task_;
