@@ -5,7 +5,6 @@
 #include <Poco/Net/SocketAddress.h>
 #include <Poco/Timespan.h>
 #include <gtest/gtest.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 
 #include <fstream>
@@ -27,12 +26,17 @@ using TestSupport::WriteText;
 
 const char* const kInclude = "/etc/rsyslog.d/watchpost_rsyslog.conf";
 const char* const kConf = "/etc/syslog-ng/syslog-ng.conf";
-const char* const kForwarding =
-    R"({"server_type":"udp","server":["127.0.0.1"],"log_path":["/var/log/a.log:9"]})";
 
 std::string Policy(const std::string& content, const std::string& more = "") {
     return R"({"module_name":"rsyslog_module","feature_name":"rsyslog_feature",)" + more +
            R"("content":)" + content + "}";
+}
+
+std::string Forwarding(const std::string& servers = R"("127.0.0.1")",
+                       const std::string& files = R"("/var/log/a.log:9")",
+                       const std::string& type = "udp") {
+    return Policy(R"({"server_balance":false,"server_type":")" + type + R"(","server":[)" +
+                  servers + R"(],"log_path":[)" + files + "]}");
 }
 
 // A remote syslog server on UDP.
@@ -110,10 +114,9 @@ TEST(EndToEnd, TwoFilesReachTwoServersAndOthersUnderTheNextPolicy) {
             const std::string files[] = {stem + ".first", stem + ".second"};
             WriteText(files[0], "");
             WriteText(files[1], "");
-            AgentProcess::Policy("p.json",
-                                 Policy(R"({"server_type":"udp","server_balance":false,
-                "server":["127.0.0.1","127.0.0.2"],"log_path":[")" +
-                                        files[0] + R"(:5514",")" + files[1] + R"(:5515"]})"));
+            AgentProcess::Policy(
+                "p.json", Forwarding(R"("127.0.0.1","127.0.0.2")",
+                                     '"' + files[0] + R"(:5514",")" + files[1] + R"(:5515")"));
             ASSERT_TRUE(AgentProcess::AwaitLog(c.restarted, round));
             for (const auto& file : files) {
                 std::ofstream log(file, std::ios::app);
@@ -148,8 +151,7 @@ TEST(EndToEnd, TwentyPoliciesInTenSecondsLeaveTheDaemonRunningUnderTheLast) {
     std::string server;
     for (int i = 1; i <= kPolicies; ++i) {
         server = "127.0.1." + std::to_string(i);
-        AgentProcess::Policy("p.json", Policy(R"({"server_type":"udp","server":[")" + server +
-                                              R"("],"log_path":["/var/log/a.log:9"]})"));
+        AgentProcess::Policy("p.json", Forwarding('"' + server + '"'));
         std::this_thread::sleep_until(start + i * std::chrono::milliseconds(500));
         if (i % 6 == 0) {
             EXPECT_EQ(0, agent->Stop());
@@ -192,11 +194,10 @@ TEST(EndToEnd, StatusTellsTheHealthyFromTheWrongFromTheDead) {
         becomes(1, "BAD   rsyslog: does not run");
         ASSERT_EQ(0, std::system("pkill -x rsyslogd"));
         const Daemon rsyslogd("rsyslogd");
-        AgentProcess::Policy("p.json", Policy(kForwarding));
+        AgentProcess::Policy("p.json", Forwarding());
         becomes(0, " and holds the configuration that the agent has written");
-        EXPECT_EQ(1,
-                  Occurrences(ReadText("/run/out"), "p.json: rsyslog_feature of rsyslog_module"));
-        EXPECT_EQ(1, Occurrences(ReadText("/run/out"), "rsyslog_task     every 10 s, last cycle"));
+        becomes(0, "p.json: rsyslog_feature of rsyslog_module");
+        becomes(0, "rsyslog_task     every 10 s, last cycle");
         AgentProcess::Policy("b\x1b[2J.json", "{");
         becomes(1, "- policy b\\x1B[2J.json refused: ");
         EXPECT_EQ(1, Watchpost("status --json"));
@@ -234,8 +235,8 @@ TEST(EndToEnd, ADaemonThatSuffersIsAnErrorLineWithItsOwnWords) {
         const Daemon daemon(c.daemon);
         WriteText("/etc/rsyslog.d/zz.conf", "local1.x @x y\n");
         AgentProcess agent;
-        AgentProcess::Policy("p.json", Policy(R"({"server_type":"udp","server":["127.0.0.1"],
-            "log_path":["/var/log/a.log:9","/var/log/b.log:9"]})"));
+        AgentProcess::Policy(
+            "p.json", Forwarding(R"("127.0.0.1")", R"("/var/log/a.log:9","/var/log/b.log:9")"));
         EXPECT_TRUE(AgentProcess::AwaitLog(c.line));
         EXPECT_LE(1, AgentProcess::Logged(c.words));
         std::remove("/etc/rsyslog.d/zz.conf");
@@ -258,7 +259,7 @@ TEST(EndToEnd, CheckChangesNothingAndRestoreTakesAllBack) {
     ASSERT_EQ(0, Watchpost("restore --yes")) << "what other tests have left";
     ASSERT_EQ(0, std::system("cp -a /etc /run/etc"));
     WriteText("/var/log/a.log", "");
-    WriteText("/run/p.json", Policy(kForwarding));
+    WriteText("/run/p.json", Forwarding());
     WriteText("/run/bad.json", Policy(R"({"up_history":true})"));
     for (const char* name : {"rsyslogd", "syslog-ng"}) {
         SCOPED_TRACE(name);
@@ -278,7 +279,7 @@ TEST(EndToEnd, CheckChangesNothingAndRestoreTakesAllBack) {
             WriteText("/etc/rsyslog.d/b.conf", "local1.x @x y\n");
             EXPECT_EQ(name[0] == 'r' ? 2 : 0, Watchpost("check --host /run/p.json"));
             EXPECT_EQ(0, std::system("rm /etc/rsyslog.d/a /etc/rsyslog.d/b.conf"));
-            AgentProcess::Policy("p.json", Policy(kForwarding));
+            AgentProcess::Policy("p.json", Forwarding());
             EXPECT_TRUE(AgentProcess::AwaitLog(" is to forward "));
             EXPECT_EQ(75, Watchpost("restore --yes")) << "while an agent runs";
             EXPECT_EQ(0, agent.Stop());
@@ -316,17 +317,14 @@ TEST(EndToEnd, AStopWaitsForNoCommandNoNameAndOneProbeAtMost) {
                           "&& ip link set silent0 up && for i in 6 7 8; do ip neigh add "
                           "10.0.0.$i lladdr 02:00:00:00:00:09 dev silent0; done"));
     const struct {
-        std::string type, servers;
-        const char* logged;
+        const char *type, *servers, *logged;
         int signal, probes;
     } cases[] = {{"udp", R"("127.0.0.1")", "all msg", SIGINT, 0},
                  {"tcp", R"("a.b.c")", "check path", SIGTERM, 0},
                  {"tcp", R"("10.0.0.6","10.0.0.7","10.0.0.8")", "check path", SIGTERM, 1}};
     for (const auto& c : cases) {
         AgentProcess agent;
-        AgentProcess::Policy("p.json",
-                             Policy(R"({"log_path":["/var/log/a.log:9"],"server_type":")" + c.type +
-                                    R"(","server":[)" + c.servers + "]}"));
+        AgentProcess::Policy("p.json", Forwarding(c.servers, R"("/var/log/a.log:9")", c.type));
         EXPECT_TRUE(AgentProcess::AwaitLog(c.logged));
         std::this_thread::sleep_for(std::chrono::milliseconds(200));  // to be in the wait
         const auto start = std::chrono::steady_clock::now();
