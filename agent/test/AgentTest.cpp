@@ -5,7 +5,6 @@
 #include <sys/wait.h>
 
 #include <atomic>
-#include <cctype>
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
@@ -219,15 +218,14 @@ TEST(PolicyDirectory, DeliversWhatIsReadableWholeAndChangedAndSettlesEachTime) {
 // Runs the agent, or the command that the options begin with, a minute at most and after `first`,
 // its output in the file "out". Its exit status.
 int RunAgent(const std::string& options, const std::string& first = "") {
-    const std::string program = first + "timeout -s KILL 60 '" WATCHPOST_PROGRAM "' " +
-                                (std::isalpha(options[0]) != 0 ? "" : "--policy-dir=/tmp/policy ");
+    const std::string program = first + "timeout -s KILL 60 '" WATCHPOST_PROGRAM "' ";
     const int status = std::system((program + options + " >/tmp/out 2>&1").c_str());
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 TEST(Program, ABadStartIsOneLineAndAStatusAndADaemonStopsInOrder) {
     const std::string home = "/usr/local/watchpost/";
-    const std::string report = "/tmp/report";
+    const std::string report = "/tmp/watchpost_report.jsonl";
     for (const std::string& path : {home + "module", home + "conf", home + "log"}) {
         fs::create_directories(path);
     }
@@ -237,8 +235,7 @@ TEST(Program, ABadStartIsOneLineAndAStatusAndADaemonStopsInOrder) {
     WriteText("/run/user/conf", "");
     WriteText("/run/others", "");
     EXPECT_EQ(0, chown("/run/user", 1000, 0) + chmod("/run/others", 0646));
-    // Options go before the file.
-    WriteText(home + "conf/watchpost.properties", "policy.dir=/none\nreport.file=" + report);
+    WriteText(home + "conf/watchpost.properties", "policy.dir=/tmp/policy\nreport.file=/none/r");
     const struct {
         std::string options;
         int status;
@@ -261,13 +258,14 @@ TEST(Program, ABadStartIsOneLineAndAStatusAndADaemonStopsInOrder) {
          "module.dir = /run/user"},
         {"--module-dir=/tmp", 77,
          "module.dir /tmp: others than its owner may write it (mode 1777)"},
+        {"--policy-dir=/run/user", 77, "policy.dir /run/user: it belongs to user 1000"},
         {"--config=/tmp", 78, "Is a directory"},
         {"", 78, "line 2: cpu.limit.percent must be a number", "\ncpu.limit.percent=101"},
         {"", 78, "line 2: unknown key x", "cpu.limit.percent=100\nx=1"},
         {"", 78, "line 1: log.level must be error, warning", "log.level = loud"},
         {"", 78, "line 2: unknown key log.lvel", "# log.lvl\nlog.lvel = debug"},
         {"", 78, "line 1: unknown key pidfile", "pidfile = /tmp/pid"},
-        {"", 78, "line 2: unknown key sound.volumes", "sound.volume=1\nsound.volumes=1"},
+        {"", 78, "line 2: unknown key sound.volumes", "policy.dir=/tmp/policy\nsound.volumes=1"},
         {"", 78, "line 2: sound.volume is set a second time", "sound.volume=1\nsound.volume=1"},
         {"", 78, "line 2: not KEY = VALUE: log.dir", "! =\n log.dir"},
         {"", 78, "line 2: log.dir is set a second time", "log.dir=/tmp\nlog.dir=/tmp"},
@@ -275,8 +273,8 @@ TEST(Program, ABadStartIsOneLineAndAStatusAndADaemonStopsInOrder) {
         {"--log-dir=/none", 72, "/none"},
         {"--report=/dev/null", 73, "Invalid argument"},
         {"--pidfile=/none/pid", 73, "/none/pid"},
-        {"--pidfile=/tmp/pid --report=/none/report", 73, "/none/report"},
-        {"--daemon --report=/none/report", 73, "/none"},
+        {"--pidfile=/tmp/pid", 73, "/none/r"},
+        {"--daemon", 73, "/none/r"},
     };
     for (const auto& each : cases) {
         WriteText("/tmp/conf", each.configuration);
@@ -290,7 +288,8 @@ TEST(Program, ABadStartIsOneLineAndAStatusAndADaemonStopsInOrder) {
         EXPECT_EQ(each.status == 64, out.find("--help") != std::string::npos) << out;
     }
 #ifndef __SANITIZE_THREAD__  // which starts again with a limit of its own
-    EXPECT_EQ(71, RunAgent("", "ulimit -s 100000000000 && ")) << "no room for a thread's stack";
+    EXPECT_EQ(71, RunAgent("--report=/tmp/r", "ulimit -s 100000000000 && "))
+        << "no room for a thread's stack";
 #endif
     RunAgent("--help | grep -o '^--[a-z-]*' | sort | tr '\\n' ' '");
     EXPECT_EQ(
@@ -299,21 +298,22 @@ TEST(Program, ABadStartIsOneLineAndAStatusAndADaemonStopsInOrder) {
         ReadText("/tmp/out"));
 
     EXPECT_FALSE(fs::exists("/tmp/pid")) << "of the starts that failed";
+    EXPECT_EQ(2, RunAgent("sing a --module-dir=" + home + "module b")) << "two arguments";
 
-    // A daemon takes paths from the directory of its start, and opens the most of them later.
+    // Options go before the file. A daemon takes paths from the directory of its start, and opens
+    // the most of them later.
     WriteText("/tmp/policy/p.json", "0");
-    WriteText("/tmp/conf", "policy.dir=/none\nreport.file=report\nsound.volume=1");
+    WriteText("/tmp/conf", "policy.dir=/none\nlog.dir=.\nsound.volume=1");
     fs::current_path("/tmp");
-    EXPECT_EQ(0, RunAgent("--daemon --config=conf --pidfile=pid"));
+    EXPECT_EQ(0, RunAgent("--daemon --config=conf --policy-dir=policy --pidfile=pid"));
     fs::current_path("/");
-    EXPECT_TRUE(Await([&] { return Contents(report) == Strings{"start", "0"}; }));
-    EXPECT_EQ(0640, static_cast<int>(fs::status(report).permissions()));
+    EXPECT_TRUE(Await([&] { return Contents(report) == Strings{"start1", "0"}; }));
     const int process = std::atoi(ReadText("/tmp/pid").c_str());
     ASSERT_LT(1, process);
     EXPECT_EQ(process, getsid(process));
     EXPECT_EQ("/dev/null", fs::read_symlink("/proc/" + std::to_string(process) + "/fd/2"));
     EXPECT_EQ("/", fs::read_symlink("/proc/" + std::to_string(process) + "/cwd"));
-    EXPECT_EQ(75, RunAgent("--pidfile=/tmp/pid")) << "a second one";
+    EXPECT_EQ(75, RunAgent("--log-dir=/tmp --pidfile=/tmp/pid")) << "a second one";
     EXPECT_EQ(process, std::atoi(ReadText("/tmp/pid").c_str()));
     fs::rename(report, report + ".1");
     kill(process, SIGHUP);
@@ -326,6 +326,7 @@ TEST(Program, ABadStartIsOneLineAndAStatusAndADaemonStopsInOrder) {
     // What the tasks send while they end is in the file as well.
     EXPECT_EQ(6U, Contents(report + ".1").size() + Contents(report).size());
     EXPECT_EQ("end", Contents(report).back());
+    EXPECT_NE(std::string::npos, ReadText("/tmp/watchpost.log").find("watchpost has stopped"));
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <filesystem>
 
 #include "agent/ServiceManager.h"
+#include "agent/StatusFile.h"
 #include "agent/StatusJudgement.h"
 #include "agent/StatusTask.h"
 #include "sdk/JsonUtils.h"
@@ -42,6 +43,10 @@ TEST(JudgeStatus, TellsHealthyFromWrongFromNotRunning) {
     } cases[] = {
         {R"("pid":7)", State::kNotRunning,
          "process 7 ended without a stop, its status file is 3 min old;", 185, false},
+        {R"("pid":7)", State::kNotRunning,
+         "process 7 ended without a stop, its status file is 119 min old;", 7199, false},
+        {R"("pid":7)", State::kNotRunning,
+         "process 7 ended without a stop, its status file is 2 h old;", 7200, false},
         {"\"pid\":7", State::kHealthy, "", 30},
         {"\"pid\":7", State::kHealthy, "", -30},
         {"\"pid\":7", State::kWrong,
@@ -89,10 +94,13 @@ TEST(StatusTask, WritesAWholeReadableFileTriesAgainAndRemovesIt) {
     umask(usual);
     EXPECT_EQ(0755, static_cast<int>(fs::status(directory).permissions()));
     EXPECT_EQ(0640, static_cast<int>(fs::status(path).permissions()));
-    const Json::Value status = Parsed(TestSupport::ReadText(path));
+    Json::Value status = Parsed(TestSupport::ReadText(path));
     EXPECT_EQ(getpid(), status["pid"].asInt());
     EXPECT_EQ(ProcessStart(getpid()), status["process_start"].asUInt64());
     EXPECT_EQ(StatusJudgement::kHealthy, JudgeStatus(status, Poco::Timestamp(), true).state);
+    EXPECT_TRUE(IsAlive(status));
+    status["process_start"] = Json::UInt64(1);
+    EXPECT_FALSE(IsAlive(status)) << "its number is another's now";
 
     ASSERT_EQ(0, folder.Run("mv run away; echo in the way >run"));
     task->Run();

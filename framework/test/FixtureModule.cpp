@@ -1,9 +1,11 @@
+#include "framework/Engine.h"
 #include "framework/Log.h"
 #include "framework/Module.h"
 
 // One source, built into several modules: the definition FIXTURE_<kind> says what is wrong with it.
-// FIXTURE_SOUND starts the task "start", and a task named after the text of each document, all but
-// "bad" accepted; a task reports its name when it starts and "end" when it ends.
+// FIXTURE_SOUND has the command "sing", whose exit status counts its arguments, starts the task
+// "start", with the setting sound.volume behind that, and a task named after the text of each
+// document, all but "bad" accepted; a task reports its name when it starts and "end" when it ends.
 #ifndef FIXTURE_FACTORY_MISSING
 
 namespace {
@@ -34,7 +36,9 @@ public:
     int Init() override {
         RegisterPolicyCallback(
             "10001", new Framework::PolicyCallback<FixtureModule>(this, &FixtureModule::OnPolicy));
-        RegisterTask(new FixtureTask("start"), true);
+        RegisterTask(new FixtureTask("start" + Framework::Engine::Instance().config().getString(
+                                                   "sound.volume", "")),
+                     true);
 #ifdef FIXTURE_INIT_FAILS
         return 1;
 #else
@@ -48,6 +52,12 @@ public:
 
     std::vector<std::string> ConfigurationKeys() const override {
         return {"sound.volume"};
+    }
+    std::string CommandName() const override {
+        return "sing";
+    }
+    int RunCommand(const std::vector<std::string>& arguments) override {
+        return static_cast<int>(arguments.size());
     }
 
 private:

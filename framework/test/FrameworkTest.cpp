@@ -32,6 +32,7 @@ std::string Fixtures() {
     static const std::string directory = "/tmp/fixtures";
     if (std::filesystem::create_directory(directory)) {
         EXPECT_EQ(0, std::system(("cp " FIXTURE_DIR "/*.so " + directory).c_str()));
+        TestSupport::WriteText(directory + "/notes.txt", "");
         std::filesystem::copy(directory + "/fixture_sound.so", directory + "/fixture_others.so");
         EXPECT_EQ(0, chmod((directory + "/fixture_others.so").c_str(), 0757));
     }
@@ -152,6 +153,7 @@ TEST(Task, AFullQueueHoldsASenderBackUntilItIsStoppedAndLosesNothing) {
         }
     });
     engine.StartTask(receiver);
+    EXPECT_FALSE(engine.StartTask(new Probe("receiver", 0, [](const auto&) {}))) << "another";
     std::unique_lock<std::mutex> closed(gate);
     engine.StartTask(sender);
     EXPECT_FALSE(Await([&] { return sent > 3; }, std::chrono::milliseconds(200)));
