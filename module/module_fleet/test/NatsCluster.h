@@ -38,6 +38,7 @@ public:
     }
 
     bool IsReady() const { return ready_; }
+    const Fleet::Settings& Access() const { return settings_; }
     std::string Urls() const {
         return settings_.servers[0] + "," + settings_.servers[1] + "," + settings_.servers[2];
     }
