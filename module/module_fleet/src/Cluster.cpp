@@ -7,6 +7,7 @@
 #include <filesystem>
 
 #include "framework/Engine.h"
+#include "framework/Log.h"
 #include "module/module_fleet/src/FleetNames.h"
 
 namespace Fleet {
@@ -17,6 +18,15 @@ constexpr std::int64_t kConnectMs = 5000;
 constexpr std::int64_t kPingMs = 20000;
 constexpr int kPings = 2;
 constexpr std::int64_t kWriteMs = 5000;
+
+// What a server does not allow it tells on its own, beside the answer that does not come.
+void LogRefusal(natsConnection* connection, natsSubscription* /*subscription*/, natsStatus status,
+                void* /*closure*/) {
+    const char* text = nullptr;
+    if (status == NATS_NOT_PERMITTED && natsConnection_GetLastError(connection, &text) == status) {
+        Framework::Log().error(std::string("fleet: the servers refuse: ") + text);
+    }
+}
 
 std::vector<std::string> List(const std::string& text) {
     const Poco::StringTokenizer words(
@@ -33,7 +43,8 @@ void AddStream(jsCtx* stream, jsStreamConfig& config) {
     Nats::Check(status, std::string("stream ") + config.Name);
 }
 
-// A bucket is a stream with a subject for each key.
+// A bucket is a stream with a subject for each key. No message may take the place of all the others
+// (a rollup): any host could send it under its own key.
 void AddBucket(jsCtx* stream, const char* name, const std::string& subject, int replicas,
                jsRePublish* news) {
     const char* subjects[] = {subject.c_str()};
@@ -45,7 +56,6 @@ void AddBucket(jsCtx* stream, const char* name, const std::string& subject, int 
     config.MaxMsgsPerSubject = 1;
     config.Discard = js_DiscardNew;
     config.Replicas = replicas;
-    config.AllowRollup = true;
     config.DenyDelete = true;
     config.AllowDirect = true;
     config.RePublish = news;
@@ -104,6 +114,7 @@ Nats::Connection Connect(const Settings& settings) {
     check(natsOptions_SetMaxPingsOut(made, kPings), "options");
     check(natsOptions_SetWriteDeadline(made, kWriteMs), "options");
     check(natsOptions_SetFailRequestsOnDisconnect(made, true), "options");
+    check(natsOptions_SetErrorHandler(made, LogRefusal, nullptr), "options");
     // An account can so be kept from reading what others are answered.
     check(natsOptions_SetCustomInboxPrefix(made, (kInboxes + Escape(settings.name)).c_str()),
           "options");

@@ -5,7 +5,7 @@
 #include "module/module_fleet/test/NatsCluster.h"
 #include "test/support/AgentProcess.h"
 
-// The servers' configuration that is shipped, with one server, in place of three.
+// The servers' configuration that is shipped.
 namespace {
 
 using TestSupport::AgentProcess;
@@ -13,6 +13,7 @@ using TestSupport::Await;
 using TestSupport::ReadText;
 using TestSupport::WriteText;
 
+const char* const kServers = "tls://localhost:4221";
 const char* const kPolicy =
     R"({"module_name":"rsyslog_module","feature_name":"rsyslog_feature","content":{}})";
 const std::string kEvil =
@@ -46,14 +47,14 @@ void Configure(const std::string& name, const std::string& authority) {
     const std::string path = "/etc/nats/";
     std::filesystem::create_directories(AgentProcess::Path("conf"));
     WriteText(AgentProcess::Path("conf/watchpost.properties"),
-              "fleet.servers = tls://localhost:4222\nfleet.groups = web\nfleet.name = " + name +
-                  "\nfleet.tls.ca = " + path + authority + ".crt\nfleet.tls.cert = " + path + name +
-                  ".crt\nfleet.tls.key = " + path + name + ".key\n");
+              std::string("fleet.servers = ") + kServers + "\nfleet.groups = web\nfleet.name = " +
+                  name + "\nfleet.tls.ca = " + path + authority + ".crt\nfleet.tls.cert = " + path +
+                  name + ".crt\nfleet.tls.key = " + path + name + ".key\n");
 }
 
 Fleet::Settings As(const std::string& name, const std::string& certificate) {
     const std::string path = "/etc/nats/";
-    return {{"tls://localhost:4222"},
+    return {{kServers},
             name,
             {},
             path + "ca.crt",
@@ -66,26 +67,35 @@ TEST(Security, AHostReachesItsOwnAndNothingOfAnothers) {
     std::filesystem::create_directories("/etc/nats");
     MakeAuthority("ca");
     MakeAuthority("strange");
+    MakeAuthority("route-ca");
     MakeCertificate("ca", "localhost", "server");
+    MakeCertificate("route-ca", "localhost", "route");
     for (const std::string name : {"fleet-admin", "a.b", "other"}) {
         MakeCertificate("ca", name, name);
     }
     const std::string packaging = FLEET_PACKAGING;
-    Shell("cd /etc/nats && sed '/^cluster {/,/^}/d' " + packaging + "/fleet.conf >fleet.conf");
-    Shell("cd /etc/nats && printf 'a.b web\\nother\\n' | " + packaging +
+    Shell("cd /etc/nats && printf 'a.b web\\nother # of none' | " + packaging +
           "/users fleet-admin >users.conf");
-    Shell("nats-server -c /etc/nats/fleet.conf -l /etc/nats/log & echo $! >/etc/nats/pid");
+    // On this machine, and beside them one that vouches for itself with what a host has.
+    Shell(
+        "cd /etc/nats && for n in 1 2 3 4; do sed -e s/s1$/s$n/ -e s/:4222/:422$n/ "
+        "-e 's/\\(0.0.0.0:\\)6222/\\1622'$n/ -e s#/var/lib#/tmp/$n# "
+        "-e 's#s\\([123]\\):6222#localhost:622\\1#g' " +
+        packaging +
+        "/fleet.conf >s$n.conf; done; sed -i s#/route#/other# s4.conf; cat ca.crt route-ca.crt "
+        ">other-ca.crt; "
+        "for n in 1 2 3 4; do nats-server -c s$n.conf -l $n.log & echo $! >>pids; done");
 
     Fleet::Nats::Connection admin;
     ASSERT_TRUE(Await([&] {
         try {
             admin = Fleet::Connect(As("fleet-admin", "fleet-admin"));
-            Fleet::InitFleet(admin.get(), 1);
+            Fleet::InitFleet(admin.get(), 3);
             return true;
         } catch (const Poco::Exception&) {
             return false;
         }
-    })) << ReadText("/etc/nats/log");
+    })) << ReadText("/etc/nats/1.log");
     jsCtx* made = nullptr;
     natsConnection_JetStream(&made, admin.get(), nullptr);
     const Fleet::Nats::JetStream stream(made);
@@ -147,6 +157,12 @@ TEST(Security, AHostReachesItsOwnAndNothingOfAnothers) {
           Fleet::SubjectOfPolicy("host.other"), std::string("watchpost.policy.host.a=2Eb")}) {
         EXPECT_NE(NATS_OK, put(context, forbidden, "evil", 300)) << forbidden;
     }
+    // One for all the others.
+    natsMsg* rollup = nullptr;
+    natsMsg_Create(&rollup, Fleet::SubjectOfHost("other").c_str(), nullptr, "evil", 4);
+    const Fleet::Nats::Msg owned_rollup(rollup);
+    natsMsgHeader_Set(rollup, "Nats-Rollup", "all");
+    EXPECT_NE(NATS_OK, js_PublishMsg(nullptr, context, rollup, nullptr, nullptr));
     EXPECT_EQ(report, last(Fleet::kReportStream, subject));
     EXPECT_EQ(state, last(Fleet::kHostStream, Fleet::SubjectOfHost("a.b")));
     EXPECT_EQ(kPolicy, last(Fleet::kPolicyStream, Fleet::SubjectOfPolicy("all")));
@@ -224,7 +240,11 @@ TEST(Security, AHostReachesItsOwnAndNothingOfAnothers) {
         Fleet::Nats::Subscribe(other.get(), "watchpost.policy.host.a=2Eb");
     EXPECT_EQ(NATS_OK, put(made, Fleet::SubjectOfPolicy("host.a=2Eb"), kPolicy));
     EXPECT_EQ(nullptr, Fleet::Nats::Next(news.get(), 500));
-    Shell("kill $(cat /etc/nats/pid)");
+    for (const char* server : {"1", "2", "3"}) {
+        const std::string log = ReadText("/etc/nats/" + std::string(server) + ".log");
+        EXPECT_NE(std::string::npos, log.find("TLS route handshake error")) << log;
+    }
+    Shell("kill $(cat /etc/nats/pids)");
 }
 
 }  // namespace
