@@ -4,21 +4,29 @@
 #include <Poco/DateTimeParser.h>
 #include <Poco/Exception.h>
 #include <Poco/NumberParser.h>
+#include <Poco/RegularExpression.h>
 #include <Poco/StringTokenizer.h>
 #include <Poco/Timestamp.h>
 #include <Poco/Util/OptionException.h>
+#include <poll.h>
 #include <sysexits.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
 #include <iomanip>
 #include <iostream>
 #include <iterator>
+#include <limits>
 #include <map>
+#include <thread>
+#include <utility>
 
 #include "framework/Engine.h"
+#include "module/module_fleet/src/Backoff.h"
 #include "module/module_fleet/src/Cluster.h"
 #include "module/module_fleet/src/FleetNames.h"
+#include "module/module_fleet/src/HostJudgement.h"
 #include "sdk/FileUtils.h"
 #include "sdk/JsonUtils.h"
 #include "sdk/StringUtils.h"
@@ -33,7 +41,8 @@ using SDK::StringUtils::ToPrintable;
 constexpr char kPolicyType[] = "10001";
 constexpr std::size_t kMaxPolicy = 1 << 20;
 constexpr std::int64_t kAnswerMs = 10000;
-constexpr int kMissedHeartbeats = 3;  // and a host counts as silent
+constexpr std::int64_t kFollowMs = 1000;
+constexpr char kOperation[] = "KV-Operation";  // of a value that was removed
 
 constexpr char kHelp[] =
     "usage: watchpost fleet [--config=FILE] [--module-dir=DIR] COMMAND\n"
@@ -48,9 +57,11 @@ constexpr char kHelp[] =
     "  remove KEY                 Takes the policy back.\n"
     "  hosts [--json]             Tells what each host follows. Exit status 1 when one is not "
     "well.\n"
+    "  forget HOST                Drops a host that is gone for good from these.\n"
     "  reports [--host=NAME] [--type=TYPE] [--since=TIME] [--follow] [--json]\n"
-    "                             Prints reports, those since TIME (2026-11-22T20:15:03Z) and, "
-    "with\n"
+    "                             Prints reports, those that came since TIME "
+    "(2026-11-22T20:15:03Z) "
+    "and, with\n"
     "                             --follow, those to come.\n";
 
 // The arguments of one command: what is an option, by its name, and what is none.
@@ -65,6 +76,11 @@ struct Arguments {
     }
 };
 
+struct Failure {
+    int status;
+    std::string text;
+};
+
 struct Client {
     Nats::Connection connection;
     Nats::JetStream stream;
@@ -73,7 +89,7 @@ struct Client {
 Client Open() {
     const Settings settings = ReadSettings();
     if (settings.servers.empty()) {
-        throw Poco::NotFoundException("fleet.servers is not in the configuration file");
+        throw Failure{EX_CONFIG, "fleet.servers is not in the configuration file"};
     }
     Client client;
     client.connection = Connect(settings);
@@ -99,22 +115,71 @@ std::string PolicyKey(const std::string& text) {
     return kind + "." + Escape(text.substr(dot + 1));
 }
 
-// Calls `take` with each message of the stream on the subject, since a time in nanoseconds, to the
-// last one there is, or for ever.
-void ForEach(const Client& client, const char* stream, const std::string& subject,
-             std::int64_t since, bool follow, const std::function<void(natsMsg*)>& take) {
+jsConsumerConfig From(const std::string& subject) {
     jsConsumerConfig config;
     jsConsumerConfig_Init(&config);
     config.FilterSubject = subject.c_str();
-    config.DeliverPolicy = since == 0 ? js_DeliverAll : js_DeliverByStartTime;
-    config.OptStartTime = since;
+    return config;
+}
+
+// Whether anybody takes what is printed. Of a pipe that its reader has left the kernel tells so.
+bool IsOutputOpen() {
+    pollfd output{STDOUT_FILENO, 0, 0};
+    return std::cout.good() && (poll(&output, 1, 0) <= 0 || (output.revents & POLLERR) == 0);
+}
+
+// Calls `take` with each message that the stream has now by this configuration.
+void ForEach(const Client& client, const char* stream, const jsConsumerConfig& config,
+             const std::function<void(natsMsg*)>& take) {
     Nats::StreamReader reader(client.stream.get(), stream, config);
-    for (std::uint64_t read = 0; follow || read < reader.Pending();) {
+    for (std::uint64_t read = 0; read < reader.Pending() && IsOutputOpen();) {
         const std::uint64_t more = reader.Read(kAnswerMs, take);
-        if (more == 0 && !follow) {
-            throw Poco::TimeoutException("the servers do not answer");
+        if (more == 0) {
+            throw Failure{EX_UNAVAILABLE, "the servers do not answer"};
         }
         read += more;
+    }
+}
+void ForEach(const Client& client, const char* stream, const std::string& subject,
+             const std::function<void(natsMsg*)>& take) {
+    ForEach(client, stream, From(subject), take);
+}
+
+// The same, and with each that comes, as long as somebody takes what is printed; through other
+// servers when some are lost.
+void Follow(const char* stream, jsConsumerConfig config,
+            const std::function<void(natsMsg*)>& take) {
+    Client client = Open();
+    Backoff backoff;
+    bool began = false;
+    bool lost = false;
+    while (IsOutputOpen()) {
+        try {
+            if (natsConnection_IsClosed(client.connection.get())) {
+                client = Open();
+            }
+            Nats::StreamReader reader(client.stream.get(), stream, config);
+            began = true;
+            while (IsOutputOpen()) {
+                reader.Read(kFollowMs, [&](natsMsg* message) {
+                    take(message);
+                    config.DeliverPolicy = js_DeliverByStartSequence;
+                    config.OptStartTime = 0;
+                    config.OptStartSeq = Nats::PlaceOf(message).sequence + 1;
+                });
+                std::cout << std::flush;
+                lost = false;
+                backoff.Reset();
+            }
+        } catch (const Poco::IOException& e) {
+            if (!began) {
+                throw;
+            }
+            if (!std::exchange(lost, true)) {
+                std::cerr << "watchpost: " << ToPrintable(e.message()) << "; trying again\n";
+            }
+            std::this_thread::sleep_for(backoff.Next());
+        }
     }
 }
 
@@ -125,25 +190,47 @@ int Init(const Arguments& arguments) {
         throw InvalidArgumentException("--replicas must be a number from 1 to 5, not " + text);
     }
     InitFleet(Open().connection.get(), replicas);
-    std::cout << "The fleet's stream and buckets have " << replicas << " replicas.\n";
+    std::cout << "Replicas of the fleet's stream and of each bucket: " << replicas << ".\n";
     return EX_OK;
 }
 
-void Publish(const Client& client, const std::string& key, const std::string& text,
-             const char* operation) {
+bool IsRemoval(natsMsg* message) {
+    return !Nats::Header(message, kOperation).empty();
+}
+
+// The value that the bucket, which is this stream, has under the subject; none when it has none.
+Nats::Msg Value(const Client& client, const char* bucket, const std::string& subject) {
+    natsMsg* found = nullptr;
+    const natsStatus status =
+        js_GetLastMsg(&found, client.stream.get(), bucket, subject.c_str(), nullptr, nullptr);
+    Nats::Msg message(found);
+    if (status == NATS_NOT_FOUND || (status == NATS_OK && IsRemoval(found))) {
+        return nullptr;
+    }
+    Nats::Check(status, bucket);
+    return message;
+}
+
+// Puts the text, or takes back what is there; returns the revision.
+std::uint64_t Publish(const Client& client, const std::string& subject, const std::string* text) {
     natsMsg* made = nullptr;
-    Nats::Check(natsMsg_Create(&made, SubjectOfPolicy(key).c_str(), nullptr, text.data(),
-                               static_cast<int>(text.size())),
-                "message");
+    Nats::Check(
+        natsMsg_Create(&made, subject.c_str(), nullptr, text == nullptr ? nullptr : text->data(),
+                       text == nullptr ? 0 : static_cast<int>(text->size())),
+        "message");
     const Nats::Msg message(made);
-    if (operation != nullptr) {
-        Nats::Check(natsMsgHeader_Set(made, "KV-Operation", operation), "message");
+    if (text == nullptr) {
+        Nats::Check(natsMsgHeader_Set(made, kOperation, "DEL"), "message");
     }
     jsPubAck* ack = nullptr;
-    Nats::Check(js_PublishMsg(&ack, client.stream.get(), made, nullptr, nullptr),
-                std::string("bucket ") + kPolicyBucket);
-    std::cout << Readable(key) << ": revision " << ack->Sequence << '\n';
+    Nats::Check(js_PublishMsg(&ack, client.stream.get(), made, nullptr, nullptr), "publishing");
+    const std::uint64_t revision = ack->Sequence;
     jsPubAck_Destroy(ack);
+    return revision;
+}
+
+void PrintRevision(const std::string& key, std::uint64_t revision) {
+    std::cout << Readable(key) << ": revision " << revision << '\n';
 }
 
 int Put(const Arguments& arguments) {
@@ -151,7 +238,7 @@ int Put(const Arguments& arguments) {
     const std::string& file = arguments.others[1];
     std::string text;
     if (const int error = SDK::FileUtils::ReadFile(file, text, kMaxPolicy); error != 0) {
-        throw Poco::FileException(file, std::strerror(error));
+        throw Failure{EX_NOINPUT, file + ": " + std::strerror(error)};
     }
     std::vector<Framework::Finding> findings;
     bool judged = false;
@@ -159,7 +246,7 @@ int Put(const Arguments& arguments) {
         judged |= module->JudgePolicy(kPolicyType, text, false, findings);
     }
     if (!judged) {
-        throw Poco::NotFoundException("no module that could check the policy");
+        throw Failure{EX_UNAVAILABLE, "no module takes policies"};
     }
     bool bad = false;
     for (const Framework::Finding& finding : findings) {
@@ -171,38 +258,48 @@ int Put(const Arguments& arguments) {
         std::cerr << "The policy is not put.\n";
         return EX_DATAERR;
     }
-    Publish(Open(), key, text, nullptr);
-    return EX_OK;
-}
-
-int Remove(const Arguments& arguments) {
-    Publish(Open(), PolicyKey(arguments.others[0]), "", "DEL");
+    PrintRevision(key, Publish(Open(), SubjectOfPolicy(key), &text));
     return EX_OK;
 }
 
 int Get(const Arguments& arguments) {
-    const Client client = Open();
     const std::string subject = SubjectOfPolicy(PolicyKey(arguments.others[0]));
-    natsMsg* found = nullptr;
-    const natsStatus status = js_GetLastMsg(&found, client.stream.get(), kPolicyStream,
-                                            subject.c_str(), nullptr, nullptr);
-    const Nats::Msg message(found);
-    if (status == NATS_NOT_FOUND ||
-        (status == NATS_OK && !Nats::Header(found, "KV-Operation").empty())) {
-        std::cerr << "There is no policy for " << ToPrintable(arguments.others[0]) << ".\n";
-        return EXIT_FAILURE;
+    const Client client = Open();
+    const Nats::Msg message = Value(client, kPolicyStream, subject);
+    if (message == nullptr) {
+        throw Failure{EXIT_FAILURE, "there is no policy for " + arguments.others[0]};
     }
-    Nats::Check(status, std::string("bucket ") + kPolicyBucket);
-    std::cout << Nats::Data(found);
+    std::cout << Nats::Data(message.get());
     return EX_OK;
 }
 
-// The revision of each policy there is.
-std::map<std::string, std::uint64_t> Revisions(const Client& client) {
-    std::map<std::string, std::uint64_t> revisions;
+int Remove(const Arguments& arguments) {
+    const std::string key = PolicyKey(arguments.others[0]);
+    const Client client = Open();
+    if (Value(client, kPolicyStream, SubjectOfPolicy(key)) == nullptr) {
+        throw Failure{EXIT_FAILURE, "there is no policy for " + arguments.others[0]};
+    }
+    PrintRevision(key, Publish(client, SubjectOfPolicy(key), nullptr));
+    return EX_OK;
+}
+
+int Forget(const Arguments& arguments) {
+    const std::string& host = arguments.others[0];
+    const Client client = Open();
+    if (Value(client, kHostStream, SubjectOfHost(host)) == nullptr) {
+        throw Failure{EXIT_FAILURE, "there is no host " + host};
+    }
+    Publish(client, SubjectOfHost(host), nullptr);
+    return EX_OK;
+}
+
+Revisions ReadRevisions(const Client& client) {
+    Revisions revisions;
     const std::string start = SubjectOfPolicy("");
-    ForEach(client, kPolicyStream, start + ">", 0, false, [&](natsMsg* message) {
-        revisions[natsMsg_GetSubject(message) + start.size()] = Nats::PlaceOf(message).sequence;
+    ForEach(client, kPolicyStream, start + ">", [&](natsMsg* message) {
+        if (!IsRemoval(message)) {
+            revisions[natsMsg_GetSubject(message) + start.size()] = Nats::PlaceOf(message).sequence;
+        }
     });
     return revisions;
 }
@@ -213,33 +310,6 @@ std::string HostOf(const natsMsg* message) {
     std::string name = tokens[2];
     Unescape(name, name);
     return name;
-}
-
-// What is to be said of a host, by what it has told, which may be anything, and when the servers
-// got it.
-std::string Judge(const Json::Value& host, std::int64_t age,
-                  const std::map<std::string, std::uint64_t>& revisions) {
-    Json::Value policy, conditions, refused;
-    if (age >
-        std::int64_t{kMissedHeartbeats} * SDK::JsonUtils::GetIntValue(host, "heartbeat_s", 30)) {
-        return "silent";
-    }
-    if (!SDK::JsonUtils::GetSubobjectValue(host, "policy", policy) ||
-        !SDK::JsonUtils::GetArrayValue(host, "conditions", conditions) ||
-        !SDK::JsonUtils::GetArrayValue(host, "refused", refused)) {
-        return "wrong";
-    }
-    if (policy.isMember("refused") || !refused.empty()) {
-        return "refused";
-    }
-    const auto current = revisions.find(SDK::JsonUtils::GetStringValue(policy, "source", ""));
-    if (current != revisions.end() && policy["revision"] != Json::Int64(current->second)) {
-        return "differs";
-    }
-    const bool good = std::all_of(conditions.begin(), conditions.end(), [](const auto& condition) {
-        return SDK::JsonUtils::GetBoolValue(condition, "good", false);
-    });
-    return good ? "well" : "wrong";
 }
 
 void PrintHost(const Json::Value& host) {
@@ -254,14 +324,21 @@ void PrintHost(const Json::Value& host) {
               << ' ' << std::setw(10) << (revision > 0 ? std::to_string(revision) : "-")
               << std::setw(10) << ToPrintable(get(host, "version")) << host["age_s"].asString()
               << " s ago\n";
+    const std::string why = ToPrintable(host["why"].asString());
+    if (!why.empty()) {
+        std::cout << "    " << why << '\n';
+    }
 }
 
 int Hosts(const Arguments& arguments) {
     const Client client = Open();
-    const std::map<std::string, std::uint64_t> revisions = Revisions(client);
+    const Revisions revisions = ReadRevisions(client);
     std::map<std::string, Json::Value> hosts;
     const std::int64_t now = Poco::Timestamp().epochTime();
-    ForEach(client, kHostStream, SubjectOfHosts(), 0, false, [&](natsMsg* message) {
+    ForEach(client, kHostStream, SubjectOfHosts(), [&](natsMsg* message) {
+        if (IsRemoval(message)) {
+            return;
+        }
         const std::string text = Nats::Data(message);
         Json::Value host;
         if (SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), host) != 0 || !host.isObject()) {
@@ -271,7 +348,9 @@ int Hosts(const Arguments& arguments) {
         const std::int64_t told = Nats::PlaceOf(message).time / 1'000'000'000;
         host["host"] = name;
         host["age_s"] = Json::Int64(std::max<std::int64_t>(now - told, 0));
-        host["state"] = Judge(host, host["age_s"].asInt64(), revisions);
+        const Judgement judgement = JudgeHost(host, host["age_s"].asInt64(), revisions);
+        host["state"] = judgement.state;
+        host["why"] = judgement.why;
         hosts[name] = host;
     });
     const bool json = arguments.Has("json");
@@ -311,32 +390,39 @@ void PrintReport(natsMsg* message, bool json) {
               << ToPrintable(SDK::JsonUtils::JsonToString(report["content"])) << '\n';
 }
 
+// A moment as a person writes it, in nanoseconds since the epoch.
+std::int64_t Nanoseconds(const std::string& text) {
+    static const Poco::RegularExpression kForm(
+        "^\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d(Z|[+-]\\d\\d:\\d\\d)$");
+    int zone = 0;
+    Poco::DateTime time;
+    if (!kForm.match(text) ||
+        !Poco::DateTimeParser::tryParse("%Y-%m-%dT%H:%M:%S%z", text, time, zone)) {
+        throw InvalidArgumentException("--since is a time as 2026-11-22T20:15:03Z, not " + text);
+    }
+    time.makeUTC(zone);
+    // For the servers 0 is no moment at all, and the last one is in 2262.
+    constexpr std::int64_t kSecond = 1'000'000'000;
+    constexpr std::int64_t kLast = std::numeric_limits<std::int64_t>::max() / kSecond;
+    return std::clamp<std::int64_t>(time.timestamp().epochTime(), 1, kLast) * kSecond;
+}
+
 int Reports(const Arguments& arguments) {
     const auto token = [&](const char* option) {
         const std::string name = arguments.Get(option, "");
         return name.empty() ? "*" : Escape(name);
     };
-    std::int64_t since = 0;
-    if (arguments.Has("since")) {
-        int zone = 0;
-        Poco::DateTime time;
-        if (!Poco::DateTimeParser::tryParse("%Y-%m-%dT%H:%M:%S%z", arguments.Get("since", ""), time,
-                                            zone)) {
-            throw InvalidArgumentException("--since is a time as 2026-11-22T20:15:03Z, not " +
-                                           arguments.Get("since", ""));
-        }
-        time.makeUTC(zone);
-        since = time.timestamp().epochMicroseconds() * 1000;
-    }
-    const Client client = Open();
-    const bool follow = arguments.Has("follow");
     const std::string subject = kReportSubjects + token("host") + "." + token("type");
-    ForEach(client, kReportStream, subject, since, follow, [&](natsMsg* message) {
-        PrintReport(message, arguments.Has("json"));
-        if (follow) {
-            std::cout << std::flush;
-        }
-    });
+    jsConsumerConfig config = From(subject);
+    if (arguments.Has("since")) {
+        config.DeliverPolicy = js_DeliverByStartTime;
+        config.OptStartTime = Nanoseconds(arguments.Get("since", ""));
+    }
+    const auto print = [json = arguments.Has("json")](natsMsg* message) {
+        PrintReport(message, json);
+    };
+    arguments.Has("follow") ? Follow(kReportStream, config, print)
+                            : ForEach(Open(), kReportStream, config, print);
     return EX_OK;
 }
 
@@ -353,6 +439,7 @@ const Command kCommands[] = {
     {"get", 1, {}, Get},
     {"remove", 1, {}, Remove},
     {"hosts", 0, {"json"}, Hosts},
+    {"forget", 1, {}, Forget},
     {"reports", 0, {"host=", "type=", "since=", "follow", "json"}, Reports},
 };
 
@@ -394,7 +481,20 @@ int RunFleetCommand(const std::vector<std::string>& arguments) {
         throw InvalidArgumentException(arguments.empty() ? "a command is missing"
                                                          : "unknown command fleet " + arguments[0]);
     }
-    return command->run(Parse(*command, {arguments.begin() + 1, arguments.end()}));
+    const auto tell = [](int status, const std::string& text) {
+        std::cerr << "watchpost: " << ToPrintable(text) << '\n';
+        return status;
+    };
+    try {
+        return command->run(Parse(*command, {arguments.begin() + 1, arguments.end()}));
+    } catch (const Failure& failure) {
+        return tell(failure.status, failure.text);
+    } catch (const Poco::IOException& e) {
+        const bool missing = e.code() == NATS_NO_RESPONDERS ||
+                             e.message().find("stream not found") != std::string::npos;
+        return tell(EX_UNAVAILABLE,
+                    e.message() + (missing ? " (has watchpost fleet init been run?)" : ""));
+    }
 }
 
 }  // namespace Fleet

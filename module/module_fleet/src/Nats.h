@@ -8,7 +8,7 @@
 #include <string>
 
 // What the module uses of the cluster's client, owned and with exceptions: what fails throws
-// Poco::IOException with the client's words.
+// Poco::IOException with the client's words, its natsStatus as code.
 namespace Fleet::Nats {
 
 template <auto destroy>

@@ -64,6 +64,7 @@ PolicyFollower::PolicyFollower(const std::string& host, const std::vector<std::s
         add("group." + Escape(group));
     }
     add("all");
+    SetFollowed(Json::Value(Json::objectValue));
 }
 
 void PolicyFollower::Connect(natsConnection* connection) {
@@ -186,7 +187,7 @@ void PolicyFollower::Decide() {
         Framework::Log().information("policy " + what + " of the fleet written to " + file_);
     }
     described["file"] = file_.substr(file_.rfind('/') + 1);
-    followed_ = described;
+    SetFollowed(described);
 }
 
 void PolicyFollower::Remove() {
@@ -194,7 +195,14 @@ void PolicyFollower::Remove() {
         Framework::Log().information("the fleet has no policy for this host any more: " + file_ +
                                      " removed");
     }
-    followed_ = Json::Value(Json::objectValue);
+    SetFollowed(Json::Value(Json::objectValue));
+}
+
+void PolicyFollower::SetFollowed(Json::Value followed) {
+    for (const Source& source : sources_) {
+        followed["keys"].append(source.key);
+    }
+    followed_ = std::move(followed);
 }
 
 }  // namespace Fleet

@@ -34,8 +34,9 @@ public:
     // is then tried again by itself. Throws Poco::IOException when the connection is of no use.
     bool Work();
 
-    // What is followed, and what is refused in its favour:
-    // {"file","source","revision","hash","refused":{"source","revision","hash","findings"}}.
+    // The keys that are looked at, the first one first; what is followed; what is refused in its
+    // favour: {"keys","file","source","revision","hash",
+    // "refused":{"source","revision","hash","findings"}}.
     const Json::Value& Followed() const { return followed_; }
     const std::string& Trouble() const { return trouble_; }
 
@@ -55,6 +56,7 @@ private:
     void Read(Source& source);
     void Decide();
     void Remove();
+    void SetFollowed(Json::Value followed);
 
     const std::string file_;
     const Judge judge_;

@@ -249,8 +249,9 @@ TEST(Fleet, AFirstReportOfATypeThatNobodyTookIsSentAgain) {
     Append(path, Report(2, "y"));
     EXPECT_TRUE(Await([&] {
         return AgentProcess::Logged("error: answer: No responders") > 0 ||
-               AgentProcess::Logged("the stream does not acknowledge") > 0;
-    }));
+               AgentProcess::Logged("the stream does not acknowledge") > 0 ||
+               AgentProcess::Logged("stream watchpost_reports") > 0;
+    })) << ReadText(AgentProcess::Path("log/watchpost.log"));
     for (int i = 0; i < NatsCluster::kServers; ++i) {
         if (i != own) {
             cluster.Start(i);
