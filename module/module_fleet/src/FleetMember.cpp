@@ -21,6 +21,7 @@ using Clock = std::chrono::steady_clock;
 constexpr char kPolicyType[] = "10001";  // of every document in the policy directory
 constexpr std::size_t kMaxPolicy = 1 << 20;
 constexpr auto kSlice = std::chrono::milliseconds(100);
+constexpr auto kIdle = std::chrono::milliseconds(250);  // until it looks again
 constexpr auto kCheckpointInterval = std::chrono::seconds(1);
 constexpr auto kSound = std::chrono::seconds(30);  // a connection that has lived so long
 
@@ -111,7 +112,7 @@ void FleetMember::Serve() {
             checkpoint = began + kCheckpointInterval;
         }
         if (Clock::now() - began < kSlice / 2) {  // nothing to do
-            stop_.tryWait(kSlice.count());
+            stop_.tryWait(kIdle.count());
         }
     }
 }
@@ -149,9 +150,9 @@ Nats::Connection FleetMember::AwaitConnection() {
 
 void FleetMember::Work() {
     reports_.Work(kSlice);
-    const Json::Value before = policies_.Followed();
+    const std::uint64_t before = policies_.Version();
     policies_.Work();
-    if (policies_.Followed() != before) {
+    if (policies_.Version() != before) {
         state_.Hurry();
     }
     state_.Work(policies_.Followed());

@@ -178,6 +178,7 @@ void PolicyFollower::Decide() {
         if (judge_(source->text, findings)) {
             described["findings"] = Describe(findings);
             followed_["refused"] = described;
+            ++version_;
             Framework::Log().error("policy " + what + " of the fleet refused" + Refusal(findings));
             return;
         }
@@ -202,7 +203,10 @@ void PolicyFollower::SetFollowed(Json::Value followed) {
     for (const Source& source : sources_) {
         followed["keys"].append(source.key);
     }
-    followed_ = std::move(followed);
+    if (followed != followed_) {
+        followed_ = std::move(followed);
+        ++version_;
+    }
 }
 
 }  // namespace Fleet

@@ -38,6 +38,8 @@ public:
     // favour: {"keys","file","source","revision","hash",
     // "refused":{"source","revision","hash","findings"}}.
     const Json::Value& Followed() const { return followed_; }
+    // Another number when that is something else.
+    std::uint64_t Version() const { return version_; }
     const std::string& Trouble() const { return trouble_; }
 
 private:
@@ -68,6 +70,7 @@ private:
     Backoff backoff_;
     std::string judged_;  // which one was judged last
     Json::Value followed_{Json::objectValue};
+    std::uint64_t version_ = 0;
     std::string trouble_;
 };
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <thread>
 #include <utility>
 
 #include "framework/Log.h"
@@ -21,6 +22,9 @@ using std::chrono::milliseconds;
 constexpr std::size_t kMaxCheckpoint = 1 << 20;
 constexpr auto kAckTimeout = std::chrono::seconds(10);
 constexpr std::int64_t kAckWaitMs = 20;
+constexpr auto kGather = milliseconds(5);
+constexpr auto kShortWait = milliseconds(250);  // for an acknowledgement: the stream bears more
+constexpr auto kLongWait = milliseconds(1000);  // it bears less
 constexpr std::int64_t kReadMs = 3000;
 constexpr std::size_t kRoomForHeaders = 4096;
 constexpr std::size_t kMaxBegin = 32 << 10;
@@ -80,7 +84,8 @@ void ReportPublisher::ReadCheckpoint() {
     for (const std::string& type : checkpoint["last"].getMemberNames()) {
         last_[type] = checkpoint["last"][type].asUInt64();
     }
-    if (checkpoint["in_flight"].asBool()) {
+    settled_ = !checkpoint["in_flight"].asBool();
+    if (!settled_) {
         question_ = Question::kAboveFloor;
     }
     spool_.Resume(checkpoint["files"]);
@@ -96,7 +101,7 @@ void ReportPublisher::WriteCheckpoint() {
     for (const auto& [type, sequence] : last_) {
         checkpoint["last"][type] = Json::UInt64(sequence);
     }
-    checkpoint["in_flight"] = !flights_.empty() || question_ != Question::kNone;
+    checkpoint["in_flight"] = !settled_ || !flights_.empty();
     checkpoint["files"] = spool_.Positions();
     const std::string text = JsonToString(checkpoint) + "\n";
     if (const int error = SDK::FileUtils::WriteFile(checkpoint_file_, text, false); error != 0) {
@@ -137,19 +142,19 @@ bool ReportPublisher::Work(milliseconds time) {
             throw;
         }
         trouble_ = e.displayText();
-        next_try_ = Clock::now() + backoff_.Next();
+        next_try_ =
+            Clock::now() + (question_ == Question::kNone ? publishing_.Next() : asking_.Next());
     }
     return trouble_.empty();
 }
 
 void ReportPublisher::Rewind() {
-    if (!flights_.empty()) {
-        question_ = std::max(question_, Question::kAboveFloor);
-    }
+    asked_ = Question::kNone;
+    settled_ = settled_ && flights_.empty();
     first_flight_ += flights_.size();  // what is still acknowledged of them finds nobody
     flights_.clear();
     bytes_ = 0;
-    settled_ = false;
+    window_ = 1;
     open_.clear();
     opening_.clear();
     spool_.Rewind();
@@ -160,7 +165,7 @@ void ReportPublisher::Publish(Clock::time_point end) {
         while (TakeAck(0)) {
         }
         if (IsFull()) {
-            TakeAck(kAckWaitMs);
+            AwaitAcks();
             continue;
         }
         Spool::Line line;
@@ -170,9 +175,10 @@ void ReportPublisher::Publish(Clock::time_point end) {
             }
             Send(line);
         } else if (!flights_.empty()) {
-            TakeAck(kAckWaitMs);
+            AwaitAcks();
         } else {
             settled_ = true;
+            in_order_ = true;
             stored_.clear();
             floor_ = highest_;
             trouble_.clear();
@@ -181,8 +187,14 @@ void ReportPublisher::Publish(Clock::time_point end) {
     }
 }
 
+void ReportPublisher::AwaitAcks() {
+    if (TakeAck(kAckWaitMs)) {
+        std::this_thread::sleep_for(kGather);  // waking up for each would cost more than they do
+    }
+}
+
 bool ReportPublisher::IsFull() const {
-    return flights_.size() >= kMaxLines || bytes_ >= kMaxBytes || !opening_.empty();
+    return flights_.size() >= window_ || bytes_ >= kMaxBytes || !opening_.empty();
 }
 
 void ReportPublisher::Send(Spool::Line& line) {
@@ -190,7 +202,8 @@ void ReportPublisher::Send(Spool::Line& line) {
     if (flights_.empty()) {
         last_ack_ = Clock::now();
     }
-    flights_.push_back({{{}, line.file, line.end}, 0, settled_ ? highest_ : floor_, {}, false});
+    flights_.push_back(
+        {{{}, line.file, line.end}, 0, settled_ ? highest_ : floor_, {}, Clock::now(), false});
     Flight& flight = flights_.back();
 
     Json::Value report;
@@ -211,10 +224,17 @@ void ReportPublisher::Send(Spool::Line& line) {
     }
     const std::string type = SDK::JsonUtils::GetStringValue(report, "type", "");
     flight.type = type.empty() ? "_" : Escape(type);
-    if (open_.count(flight.type) == 0 && asked_ == Question::kNone &&
-        LastStored(flight.type) != last_[flight.type]) {
-        Doubt();
-        return;
+    if (open_.count(flight.type) == 0 && asked_ == Question::kNone) {
+        const Stored last = LastStored(flight.type);
+        if (last.sequence != last_[flight.type]) {
+            if (in_order_ && last.id == report["id"].asString()) {
+                Acknowledge(flight, last.sequence, true);
+                Land();
+            } else {
+                Doubt();
+            }
+            return;
+        }
     }
     flight.size = text.size();
     bytes_ += flight.size;
@@ -279,14 +299,26 @@ bool ReportPublisher::TakeAck(std::int64_t milliseconds) {
         Doubt();
         return true;
     }
+    AdaptWindow(flight, number);
     Acknowledge(flight, value["seq"].asUInt64(), repeat);
     Land();
     return true;
 }
 
+void ReportPublisher::AdaptWindow(const Flight& flight, std::uint64_t number) {
+    const auto wait = last_ack_ - flight.sent;
+    if (wait < kShortWait) {
+        window_ = std::min(window_ + 1, kMaxLines);
+    } else if (wait > kLongWait && number >= window_since_) {
+        window_ = std::max<std::size_t>(window_ / 2, 1);
+        window_since_ = first_flight_ + flights_.size();
+    }
+}
+
 void ReportPublisher::Doubt() {
-    Rewind();
     question_ = asked_ == Question::kNone ? Question::kAboveFloor : Question::kAll;
+    in_order_ = false;
+    Rewind();
 }
 
 void ReportPublisher::Acknowledge(Flight& flight, std::uint64_t sequence, bool repeat) {
@@ -311,7 +343,8 @@ void ReportPublisher::Land() {
         flights_.pop_front();
         ++first_flight_;
         moved_ = true;
-        backoff_.Reset();
+        publishing_.Reset();
+        asking_.Reset();
         trouble_.clear();
     }
     if (!flights_.empty()) {
@@ -321,7 +354,7 @@ void ReportPublisher::Land() {
     }
 }
 
-std::uint64_t ReportPublisher::LastStored(const std::string& type) {
+ReportPublisher::Stored ReportPublisher::LastStored(const std::string& type) {
     const std::string subject = subject_ + type;
     jsDirectGetMsgOptions last;
     jsDirectGetMsgOptions_Init(&last);
@@ -329,11 +362,11 @@ std::uint64_t ReportPublisher::LastStored(const std::string& type) {
     natsMsg* found = nullptr;
     const natsStatus status = js_DirectGetMsg(&found, stream_.get(), kReportStream, nullptr, &last);
     if (status == NATS_NOT_FOUND) {
-        return 0;
+        return {};
     }
     Nats::Check(status, std::string("stream ") + kReportStream);
     const Nats::Msg message(found);
-    return natsMsg_GetSequence(found);
+    return {natsMsg_GetSequence(found), Nats::Header(found, kMessageId)};
 }
 
 void ReportPublisher::LearnStored() {

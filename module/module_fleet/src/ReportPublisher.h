@@ -25,21 +25,23 @@ struct PublisherCounts {
 // line is kept in the checkpoint file.
 //
 // That nothing comes twice rests on three things. The servers drop a message whose id they have
-// seen a moment ago. When lines were in flight as something went wrong, or the stream's last
-// message of a type is another one than is known here, be it hours later or by an old checkpoint,
-// the stream is asked for the ids that it holds of this host above the checkpoint's sequence (the
-// floor), below which no line in doubt can be. And whether such answers were whole, a server may
-// lag behind, shows with the first message of each type on a connection: it goes alone and says
-// which one it follows.
+// seen a moment ago. Before the first line of a type on a connection the stream is asked for its
+// last message of the type: it is the one known here, and nothing that was in flight has arrived,
+// or that very line, which has (as long as lines were stored in their order). Anything else, be it
+// after a trouble, hours later or by an old checkpoint, and the stream is asked for the ids that it
+// holds of this host above the checkpoint's sequence (the floor), below which no line in doubt can
+// be. And whether such answers were whole, a server may lag behind, shows with the first message
+// itself: it goes alone and says which one it follows.
 //
-// Asking for ids is work for the servers, so a host that was at rest goes on without. Nor are they
-// tried with messages that they may have to refuse: after such a one, a restart of all servers has
-// been seen to store the last message of the stream twice (2.9.10).
+// Asking for ids is work for the servers, thousands of hosts at a time after one of them has died,
+// and is left to those that had several lines in flight. Nor are servers tried with messages that
+// they may have to refuse: after such a one, a restart of all servers has been seen to store the
+// last message of the stream twice (2.9.10).
 //
 // One thread at a time.
 class ReportPublisher {
 public:
-    // What may be in flight, and so in memory; one line may be larger than that.
+    // What may be in flight, and so in memory, at most; one line may be larger than that.
     static constexpr std::size_t kMaxLines = 4096;
     static constexpr std::size_t kMaxBytes = 4 << 20;
 
@@ -66,19 +68,26 @@ private:
         std::size_t size = 0;
         std::uint64_t floor = 0;
         std::string type;
+        Clock::time_point sent;
         bool done = false;
     };
 
     void ReadCheckpoint();
     void Publish(Clock::time_point end);
+    // Waits a little for acknowledgements; the first one is taken.
+    void AwaitAcks();
     // Whether no further line may be sent for now.
     bool IsFull() const;
     void Send(Spool::Line& line);
     // What the servers take: the line, or a report that tells how long it was.
     std::string Fitting(Json::Value& report, const std::string& text);
-    // The sequence of the last message that the stream has of this host and type, 0 for none. The
-    // replica that answers may lag behind.
-    std::uint64_t LastStored(const std::string& type);
+    struct Stored {
+        std::uint64_t sequence = 0;  // 0: none
+        std::string id;
+    };
+    // The last message that the stream has of this host and type. The replica that answers may lag
+    // behind.
+    Stored LastStored(const std::string& type);
     // Asks the stream what it holds of this host.
     void LearnStored();
     // Takes one acknowledgement, waiting for it; false when there was none.
@@ -87,6 +96,9 @@ private:
     // The stream holds what is not known here: it is to be asked, after that for more.
     void Doubt();
     void Land();
+    // Finds out, by how long the stream takes, how much in flight it bears. All hosts do, and so
+    // share it: after an outage each of them has more to send than it can take at once.
+    void AdaptWindow(const Flight& flight, std::uint64_t number);
     // Takes back what is in flight, to be sent again.
     void Rewind();
 
@@ -101,18 +113,22 @@ private:
     Nats::Subscription acks_;
     std::string inbox_;
     std::string trouble_;
-    Backoff backoff_;
+    Backoff publishing_{std::chrono::seconds(8)};
+    Backoff asking_;
     Clock::time_point next_try_;
 
     std::deque<Flight> flights_;
     std::uint64_t first_flight_ = 0;  // number of the first one
     std::size_t bytes_ = 0;
-    Clock::time_point last_ack_;  // or the sending of the first in flight
+    std::size_t window_ = 1;          // lines that may be in flight now
+    std::uint64_t window_since_ = 0;  // what was sent before tells nothing of it
+    Clock::time_point last_ack_;      // or the sending of the first in flight
 
     enum class Question { kNone, kAboveFloor, kAll };
     Question question_ = Question::kNone;  // for the stream, before anything more is sent
     Question asked_ = Question::kNone;     // since a type was last opened
     bool settled_ = false;                 // no line in doubt lies ahead
+    bool in_order_ = false;      // what was in flight since then is not stored in another order
     std::uint64_t floor_ = 0;    // what is stored of lines not done with has a higher sequence
     std::uint64_t highest_ = 0;  // sequence seen
     std::map<std::string, std::uint64_t> last_;  // sequence by type

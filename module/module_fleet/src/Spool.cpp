@@ -24,7 +24,7 @@ namespace {
 
 constexpr std::size_t kChunk = 256 << 10;
 constexpr off_t kHead = 512;  // bytes that tell a file from another one with its inode
-constexpr auto kScanInterval = std::chrono::milliseconds(200);
+constexpr auto kScanInterval = std::chrono::milliseconds(500);
 
 bool IsCompressed(const std::string& name) {
     static const std::set<std::string> kSuffixes{".gz", ".xz", ".bz2", ".zst"};

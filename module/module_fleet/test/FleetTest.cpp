@@ -63,7 +63,7 @@ std::vector<std::string> Lines(Fleet::Spool& spool) {
         }
     };
     take();
-    std::this_thread::sleep_for(std::chrono::milliseconds(250));  // behind it looks again
+    std::this_thread::sleep_for(std::chrono::milliseconds(550));  // behind it looks again
     take();
     return lines;
 }
