@@ -118,9 +118,13 @@ private:
 };
 
 void AwaitMessages(NatsCluster& cluster, int count) {
-    Must(Await([&] { return cluster.Messages() >= static_cast<std::uint64_t>(count); }, kPatience),
-         "reports do not arrive: " + std::to_string(cluster.Messages()) + " of " +
-             std::to_string(count));
+    const auto arrived = [&] {
+        std::this_thread::sleep_for(
+            std::chrono::milliseconds(100));  // asking is work for the servers
+        return cluster.Messages() >= static_cast<std::uint64_t>(count);
+    };
+    Must(Await(arrived, kPatience), "reports do not arrive: " + std::to_string(cluster.Messages()) +
+                                        " of " + std::to_string(count));
 }
 
 // From the put of a policy for all to the last host's word that it follows it.

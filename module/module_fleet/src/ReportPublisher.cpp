@@ -21,7 +21,7 @@ using std::chrono::milliseconds;
 
 constexpr std::size_t kMaxCheckpoint = 1 << 20;
 constexpr auto kAckTimeout = std::chrono::seconds(10);
-constexpr std::int64_t kAckWaitMs = 20;
+constexpr std::int64_t kAckWaitMs = 100;
 constexpr auto kGather = milliseconds(5);
 constexpr auto kShortWait = milliseconds(250);  // for an acknowledgement: the stream bears more
 constexpr auto kLongWait = milliseconds(1000);  // it bears less
