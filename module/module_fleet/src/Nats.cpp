@@ -16,7 +16,8 @@ void Check(natsStatus status, const std::string& what) {
     if (status != NATS_OK) {
         natsStatus last = NATS_OK;
         const char* words = nats_GetLastError(&last);
-        std::string why = last == status && words != nullptr ? words : natsStatus_GetText(status);
+        std::string why =
+            last == status && words != nullptr && *words != 0 ? words : natsStatus_GetText(status);
         const std::size_t place = why.find("): ");
         if (why[0] == '(' && place != std::string::npos) {  // in its source
             why.erase(0, place + 3);

@@ -247,4 +247,28 @@ TEST(Security, AHostReachesItsOwnAndNothingOfAnothers) {
     Shell("kill $(cat /etc/nats/pids)");
 }
 
+TEST(Security, ACredentialsFileIsGoodForAServerThatAsksForIt) {
+    const std::string data = FLEET_TEST_DATA;
+    Shell("nats-server -c " + data +
+          "/operator.conf -l /tmp/operator.log & echo $! >/tmp/operator.pid");
+    Fleet::Settings settings;
+    settings.servers = {"nats://127.0.0.1:4230"};
+    settings.name = "a.b";
+    const auto why_not = [&]() -> std::string {
+        try {
+            Fleet::Connect(settings);
+            return "";
+        } catch (const Poco::Exception& e) {
+            return e.message();
+        }
+    };
+    EXPECT_TRUE(Await([&] { return why_not() == "no connection: Authorization Violation"; }))
+        << why_not();
+    settings.credentials = data + "/operator.creds";
+    EXPECT_EQ("", why_not());
+    settings.credentials = "/nowhere";
+    EXPECT_NE(std::string::npos, why_not().find("/nowhere")) << why_not();
+    Shell("kill $(cat /tmp/operator.pid)");
+}
+
 }  // namespace
