@@ -97,20 +97,21 @@ public:
     // So many more lines for each.
     void Write(int lines) {
         for (int host = 0; host < Count(); ++host) {
-            std::string text;
-            for (int i = 1; i <= lines; ++i) {
-                text +=
-                    R"({"time":"2026-11-22T20:15:03.120Z","host":"web01","task":"rsyslog_task",)"
+            Write(host, lines);
+        }
+    }
+    void Write(int host, int lines) {
+        std::string text;
+        for (int i = 1; i <= lines; ++i) {
+            text += R"({"time":"2026-11-22T20:15:03.120Z","host":"web01","task":"rsyslog_task",)"
                     R"("type":"rsyslog_1","content":{"cmd":"ls -l /home/ann/projects/some/where",)"
                     R"("time":1795384931,"user":"ann"},"id":"host)" +
                     std::to_string(host) + "-18eab1bd95a8a2e2bfcb0e67-" +
-                    std::to_string(written_ + i) + "\"}\n";
-            }
-            std::ofstream("/tmp/hosts/" + std::to_string(host) + "/r", std::ios::app) << text;
+                    std::to_string(++written_) + "\"}\n";
         }
-        written_ += lines;
+        std::ofstream("/tmp/hosts/" + std::to_string(host) + "/r", std::ios::app) << text;
     }
-    int Written() const { return written_ * Count(); }
+    int Written() const { return written_; }
 
 private:
     std::vector<std::unique_ptr<Fleet::FleetMember>> members_;
@@ -148,6 +149,31 @@ double PolicyForAll(const NatsCluster& cluster, int hosts) {
     return Since(start);
 }
 
+// How long others wait while one host has a day of reports to send.
+void PrintFairness(NatsCluster& cluster, Hosts& hosts) {
+    constexpr int kWaiting = 100'000;
+    const Fleet::Nats::Connection connection = Fleet::Connect(cluster.Access());
+    const Fleet::Nats::Subscription others = Fleet::Nats::Subscribe(
+        connection.get(), std::string(Fleet::kReportSubjects) + "*.rsyslog_1");
+    natsSubscription_SetPendingLimits(others.get(), -1, -1);
+    natsConnection_Flush(connection.get());
+    hosts.Write(0, kWaiting);
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    const auto start = Clock::now();
+    for (int host = 1; host < hosts.Count(); ++host) {
+        hosts.Write(host, 1);
+    }
+    std::cout << "one host with " << kWaiting << " reports waiting: ";
+    for (int left = hosts.Count() - 1; left > 0;) {
+        const Fleet::Nats::Msg message = Fleet::Nats::Next(others.get(), 60000);
+        Must(message != nullptr, "reports do not arrive");
+        left -= std::string(natsMsg_GetSubject(message.get())).find(".host0.") == std::string::npos;
+    }
+    std::cout << "a new one of each other host after " << Since(start) << " s, ";
+    AwaitMessages(cluster, hosts.Written());
+    std::cout << "all after " << 1 + Since(start) << " s" << std::endl;
+}
+
 // The client's own asynchronous publishing, with message ids.
 double BareRate(NatsCluster& cluster, int connections) {
     const std::string name = "bare" + std::to_string(connections);
@@ -164,6 +190,7 @@ double BareRate(NatsCluster& cluster, int connections) {
     }),
          "no stream");
     std::vector<std::thread> publishers;
+    publishers.reserve(static_cast<std::size_t>(connections));
     const auto start = Clock::now();
     for (int p = 0; p < connections; ++p) {
         publishers.emplace_back([&, p] {
@@ -250,6 +277,8 @@ void Run(int count) {
     std::cout << "reports of " << count << " hosts: " << rate << " messages/s, ratio "
               << std::setprecision(2) << rate / alike << " to as many bare connections, "
               << rate / best << " to the best" << std::setprecision(1) << std::endl;
+
+    PrintFairness(cluster, hosts);
 
     const std::size_t before = connections->Count();
     start = Clock::now();

@@ -12,7 +12,6 @@ namespace {
 using TestSupport::AgentProcess;
 using TestSupport::Await;
 using TestSupport::NatsCluster;
-using TestSupport::ReadText;
 using TestSupport::WriteText;
 
 TEST(Judgement, OfAHostIsThatOfWhatMattersMost) {
