@@ -1,6 +1,7 @@
 #pragma once
 
 #include <Poco/AutoPtr.h>
+#include <gtest/gtest.h>
 #include <utmp.h>
 
 #include <cstdlib>
@@ -64,12 +65,20 @@ inline OpenTaskPtr CollectingTask() {
     return task;
 }
 
+inline Strings Split(const std::string& text, char end = '|') {
+    std::istringstream rest(text);
+    Strings pieces;
+    for (std::string piece; std::getline(rest, piece, end);) {
+        pieces.push_back(piece);
+    }
+    return pieces;
+}
+
 // The lines of a file, each from behind its first `skipped` bytes.
 inline Strings LinesOf(const std::string& path, std::size_t skipped = 0) {
-    std::istringstream text(ReadText(path));
-    Strings lines;
-    for (std::string line; std::getline(text, line);) {
-        lines.push_back(line.substr(skipped));
+    Strings lines = Split(ReadText(path), '\n');
+    for (std::string& line : lines) {
+        line.erase(0, skipped);
     }
     return lines;
 }
@@ -89,6 +98,36 @@ inline void Log(const utmp& entry) {
     std::ofstream(kLoginFile, std::ios::app | std::ios::binary)
         .write(reinterpret_cast<const char*>(&entry), sizeof(entry));
 }
+
+// Collects the task's lines as LogCapture does, but without their levels, and stops the task at the
+// line of that number.
+class StoppingCapture {
+public:
+    StoppingCapture(OpenTaskPtr task, std::size_t stop_after, int level = Poco::Message::PRIO_TRACE)
+        : collector_(new Collector) {
+        collector_->task = std::move(task);
+        collector_->stop_after = stop_after;
+        logger_.setLevel(level);
+        logger_.setChannel(collector_);
+    }
+    ~StoppingCapture() { logger_.setChannel(nullptr); }
+    const Strings& Lines() const { return collector_->lines; }
+
+private:
+    struct Collector : Poco::Channel {
+        void log(const Poco::Message& message) override {
+            lines.push_back(message.getText());
+            if (lines.size() == stop_after) {
+                task->RequestStop();
+            }
+        }
+        OpenTaskPtr task;
+        std::size_t stop_after = 0;
+        Strings lines;
+    };
+    Poco::Logger& logger_ = Poco::Logger::get("module_rsyslog");
+    Poco::AutoPtr<Collector> collector_;
+};
 
 inline void Shell(const std::string& command) {
     if (std::system(command.c_str()) != 0) {
