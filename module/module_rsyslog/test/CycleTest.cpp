@@ -1,10 +1,8 @@
 // The task's life, its cycle, daemon detection and alarms.
 
-#include <gtest/gtest.h>
 #include <sys/inotify.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <optional>
 #include <thread>
 
@@ -17,6 +15,7 @@
 namespace {
 
 using namespace TestSupport;
+using namespace std::string_literals;
 
 const std::pair<std::string, std::string> kNoDaemon = {
     "rsyslog_3", R"({"message":"rsyslog or syslog-ng status is not running."})"};
@@ -24,7 +23,8 @@ const std::pair<std::string, std::string> kNoInclude = {
     "rsyslog_3", R"({"message":"rsyslog IncludeConfig is not exist."})"};
 
 std::map<std::pair<std::string, int>, int> throttled;  // file and line to pauses asked for
-Strings running;  // names of the process table, in the order of their process ids
+unsigned long run_tick = 0;  // how many milliseconds a thread may work before it asks for one
+Strings running;             // names of the process table, in the order of their process ids
 
 class FixedProcs : public Engine::ProcsFullTask {
 public:
@@ -71,22 +71,21 @@ TEST_F(Forwarding, FullPassFirstAndEvery50thUnlessStoppingAndLoginsEveryOtherCyc
 }
 
 TEST_F(Forwarding, FirstDaemonByProcessIdDecides) {
-    struct Case {
-        Strings names;
-        std::optional<bool> is_rsyslog, is_syslogng;  // without a value: left as it was
-    };
+    using Found = std::optional<bool>;  // without a value: left as it was
     auto& policy = task_->rsyslog_policy;
-    for (const Case& c :
-         {Case{{"cron", "sh"}, false, false}, Case{{"init", "rsyslogd"}, true, false},
-          Case{{"syslog-ng", "rsyslogd"}, false, true},
-          Case{{"init", "my-rsyslog-run", "syslog-ng"}, true, false},
-          Case{{"rsyslogd", "syslog-ng"}, true, {}}, Case{{}, {}, {}}}) {
-        running = c.names;
+    for (const auto& [names, is_rsyslog, is_syslogng] :
+         {std::tuple("cron|sh", Found(false), Found(false)),
+          std::tuple("init|rsyslogd", Found(true), Found(false)),
+          std::tuple("syslog-ng|rsyslogd", Found(false), Found(true)),
+          std::tuple("init|my-rsyslog-run|syslog-ng", Found(true), Found(false)),
+          std::tuple("rsyslogd|syslog-ng", Found(true), Found()),
+          std::tuple("", Found(), Found())}) {
+        running = Split(names);
         for (const bool before : {false, true}) {
             policy.is_rsyslog = policy.is_syslogng = before;
             task_->CheckSyslogRunning();
-            EXPECT_EQ(c.is_rsyslog.value_or(before), policy.is_rsyslog);
-            EXPECT_EQ(c.is_syslogng.value_or(before), policy.is_syslogng);
+            EXPECT_EQ(is_rsyslog.value_or(before), policy.is_rsyslog) << names;
+            EXPECT_EQ(is_syslogng.value_or(before), policy.is_syslogng) << names;
         }
     }
     EXPECT_EQ(4, log_.Count("8 find rsyslog pid 2."));
@@ -103,8 +102,8 @@ TEST_F(Forwarding, WhatAFullPassDoes) {
     for (const auto& [daemon, conf, restarts, expected] :
          {std::tuple("init", include, "", Reports{kNoDaemon, kNoDaemon}),
           std::tuple("rsyslogd", include, "rsyslog restart\n", Reports()),
-          std::tuple("rsyslogd", std::string("# none\n"), "", Reports{kNoInclude}),
-          std::tuple("syslog-ng", std::string(), "syslog restart\n", Reports())}) {
+          std::tuple("rsyslogd", "# none\n"s, "", Reports{kNoInclude}),
+          std::tuple("syslog-ng", ""s, "syslog restart\n", Reports())}) {
         SCOPED_TRACE(conf + daemon);
         running = {daemon};
         WriteText("/etc/rsyslog.conf", conf);
@@ -125,38 +124,33 @@ TEST_F(Forwarding, WhatAFullPassDoes) {
 }
 
 TEST_F(Forwarding, AlarmsOnceForACodeAndHistoryAlarmsOnceInFourHours) {
-    struct Step {
-        const char* content;
-        std::int64_t now;
-        bool known, sent;
-    };
     RunningReceiver reports;
     EXPECT_FALSE(task_->SendRsyslogAlarm(0) || task_->SendRsyslogAlarm(3));
     EXPECT_TRUE(task_->SendRsyslogAlarm(2) && task_->SendRsyslogAlarm(1));
     Reports expected = {kNoInclude, kNoDaemon};
     std::map<std::string, std::int64_t> times;
+    auto found = times.begin();
     Engine::user_info user;
     user.name = "al\xff";
-    for (const Step& s :
-         {Step{"SIZE=1;", 100000, false, true}, Step{"SIZE=1;", 114400, true, false},
-          Step{"SIZE=2;", 114400, false, true}, Step{"SIZE=1;", 5, true, false},
-          Step{"SIZE=1;", 114401, true, true}, Step{"SIZE=1;", 128801, true, false}}) {
-        SCOPED_TRACE(std::to_string(s.now) + s.content);
-        if (s.sent) {
-            times[std::string("user:al\xff path:/.bashrc hist_conf:[") + s.content + "]"] = s.now;
+    for (const auto& [content, now, known, sent] :
+         {std::tuple("SIZE=1;"s, 100000, false, true), std::tuple("SIZE=1;"s, 114400, true, false),
+          std::tuple("SIZE=2;"s, 114400, false, true), std::tuple("SIZE=1;"s, 5, true, false),
+          std::tuple("SIZE=1;"s, 114401, true, true),
+          std::tuple("SIZE=1;"s, 128801, true, false)}) {
+        SCOPED_TRACE(std::to_string(now) + content);
+        if (sent) {
+            times["user:al\xff path:/.bashrc hist_conf:[" + content + "]"] = now;
             expected.emplace_back(
-                "rsyslog_3", std::string(R"({"content":")") + s.content +
+                "rsyslog_3", R"({"content":")" + content +
                                  R"(","path":"/.bashrc","type":"hist_conf","user":"al\ufffd"})" +
                                  "\n");
         }
-        auto found = task_->alarm_time_map.begin();
-        task_->SendRsyslogAlarm(user, "/.bashrc", s.content, found, s.now);
-        EXPECT_EQ(s.known, found != task_->alarm_time_map.end());
+        task_->SendRsyslogAlarm(user, "/.bashrc", content, found, now);
+        EXPECT_EQ(known, found != task_->alarm_time_map.end());
         EXPECT_EQ(times, task_->alarm_time_map);
     }
     EXPECT_EQ(expected, reports.Finish());
     // What cannot suppress anything any more is forgotten.
-    auto found = task_->alarm_time_map.end();
     for (std::int64_t now = 300000; now < 400000; now += 10) {
         task_->SendRsyslogAlarm(user, "/.bashrc", std::to_string(now), found, now);
         const std::string earlier = std::to_string(std::max<std::int64_t>(now - 14400, 300000));
@@ -169,34 +163,30 @@ TEST_F(Forwarding, AlarmsOnceForACodeAndHistoryAlarmsOnceInFourHours) {
 // What was cut short, or could not be looked at, is no success.
 TEST_F(Forwarding, WorkSucceedsWhenItIsDoneInFullOnly) {
     running = {"init"};
-    RunningReceiver reports;
     auto& record = Engine::WorkRecord::Instance();
-    const auto succeeded = [&] {
-        std::string names;
-        for (const auto& [work, time] : record.Get().successes) {
-            names += time > 0 ? work + ";" : "";
-        }
-        return names;
-    };
     WriteText("/etc/passwd", "");
     OpenTaskPtr task = CollectingTask();
-    task->cycle_count = 0;
-    for (const auto& [wanted, with_file, expected] :
-         {std::tuple(true, false, "history;"), std::tuple(true, true, "history;logins;"),
-          std::tuple(false, true, "")}) {
+    for (const auto& [wanted, file, stopped, expected] :
+         {std::tuple(true, false, false, "history;"),
+          std::tuple(true, true, false, "history;logins;"), std::tuple(false, true, false, ""),
+          std::tuple(true, true, true, "")}) {
         record.Begin(
             {{Engine::kForwarding, wanted}, {Engine::kHistory, wanted}, {Engine::kLogins, wanted}});
-        if (with_file) {
+        if (file) {
             WriteText(kLoginFile, "");
         }
+        if (stopped) {
+            task->RequestStop();
+        }
+        task->cycle_count = 0;
         task->Run();
         task->Run();
-        EXPECT_EQ(expected, succeeded());
+        std::string succeeded;
+        for (const auto& [work, time] : record.Get().successes) {
+            succeeded += time > 0 ? work + ";" : "";
+        }
+        EXPECT_EQ(expected, succeeded);
     }
-    record.Begin({{Engine::kHistory, true}});
-    task->RequestStop();
-    task->Run();
-    EXPECT_EQ("", succeeded());
     task->UnInit();
     EXPECT_TRUE(record.Get().successes.empty());
 }
@@ -235,41 +225,37 @@ TEST_F(Forwarding, WhatIsUnchangedIsNotReadAgain) {
     close(opened);
 }
 
-// Two cycles over a login, its end and a hundred thousand commands pass each throttle point.
+// Each pass of a throttle point asks for a pause, until there is no limit or a long time to go.
 TEST_F(Forwarding, EveryLongLoopHasItsThrottlePoint) {
-    running = {"init"};
-    OpenTaskPtr task = CollectingTask();
-    task->cycle_count = 0;
-    task->rsyslog_policy.white_list = {"x"};
-    WriteText("/etc/passwd", "al:x:7:8:Al:/tmp:/bin/sh\n");
-    WriteText("/tmp/.bash_history", "");
+    running = {"init", "cron"};
+    WriteText("/etc/passwd", "al:x:7:8:Al:/tmp:/bin/sh\nbo:x:7:8:Bo:/run:/bin/sh\n");
     fs::remove(kLoginFile);
-    Log(LoginEntry(7, "tty1", 0));
-    Log(LoginEntry(8, "tty1", 0));
-    const LogCapture log("module_rsyslog", Poco::Message::PRIO_ERROR);
-    throttled.clear();
-    task->Run();
-    EXPECT_TRUE(throttled.empty());  // without a limit
-    std::string commands = "x\n";
-    for (int i = 0; i < 100000; ++i) {
-        commands += "x\n";
+    for (const auto& [type, time] : {std::pair(7, 1), std::pair(8, 2), std::pair(7, 3)}) {
+        Log(LoginEntry(type, "tty1", time));
     }
-    task->cycle_count = 0;
-    SDK::InnerCpuCtrlUtils::SetLimit(50);
-    task->Run();
-    WriteText("/tmp/.bash_history", commands);
-    task->Run();
-    SDK::InnerCpuCtrlUtils::SetLimit(0);
-    std::map<std::string, int> points;
-    for (const auto& [point, pauses] : throttled) {
-        ++points[point.first.substr(point.first.rfind('/') + 1)];
-        EXPECT_LT(pauses, 10000) << point.first << point.second;  // one in ten milliseconds
-    }
-    EXPECT_EQ((std::map<std::string, int>{{"RsyslogTask.cpp", 1},
-                                          {"RsyslogTaskCommands.cpp", 1},
-                                          {"RsyslogTaskHistory.cpp", 2},
-                                          {"RsyslogTaskLogin.cpp", 5}}),
-              points);
+    const auto points = [&](int limit, unsigned long tick) {
+        OpenTaskPtr task = CollectingTask();
+        throttled.clear();
+        run_tick = tick;
+        SDK::InnerCpuCtrlUtils::SetLimit(limit);
+        WriteText("/tmp/.bash_history", "");
+        task->cycle_count = 0;
+        task->Run();
+        WriteText("/tmp/.bash_history", "x\n#1700000000\nx\ny\n");
+        task->Run();
+        SDK::InnerCpuCtrlUtils::SetLimit(0);
+        Strings passes;
+        for (const auto& [point, pauses] : throttled) {
+            const std::string& file = point.first;
+            passes.push_back(file.substr(file.rfind("Task") + 4) + " " + std::to_string(pauses));
+        }
+        return passes;
+    };
+    EXPECT_EQ(Strings(), points(0, 0));
+    EXPECT_EQ(Split(".cpp 2|Commands.cpp 3|History.cpp 2|History.cpp 4|"
+                    "Login.cpp 3|Login.cpp 3|Login.cpp 4|Login.cpp 1|Login.cpp 3"),
+              points(50, 0));
+    EXPECT_EQ(Strings(), points(50, 60000));
 }
 
 TEST(ForwardingHealth, IsThatOfTheDaemonUnderWhatWasWrittenLast) {
@@ -283,32 +269,27 @@ TEST(ForwardingHealth, IsThatOfTheDaemonUnderWhatWasWrittenLast) {
         EXPECT_NE(std::string::npos, conditions.front().text.find(piece))
             << conditions.front().text;
     };
+    const auto start = [] {
+        Shell("sleep 0.3; rsyslogd -f /run/r.conf -i /run/r.pid 2>/dev/null");
+        EXPECT_TRUE(Await([] { return !ReadText("/run/r.pid").empty(); }));
+    };
+    const auto stop = [] {
+        Shell("P=$(cat /run/r.pid) && kill $P && while [ -e /proc/$P ]; do sleep 0.01; done");
+    };
     EXPECT_TRUE(health.Conditions().empty());
     health.Saw(Engine::DaemonKind::kRsyslog, true);
     becomes(false, "does not run");
     const std::string path = "/run/written.conf";
     WriteText("/run/r.conf", "*.* /run/r.log\n");
-    const auto pid = [] { return std::atoi(ReadText("/run/r.pid").c_str()); };
-    const auto start = [&] {
-        EXPECT_EQ(0, std::system("rsyslogd -f /run/r.conf -i /run/r.pid 2>/dev/null"));
-        EXPECT_TRUE(Await([&] { return pid() > 0; }));
-    };
-    const auto stop = [&] {
-        const int process = pid();
-        ASSERT_LT(0, process);
-        kill(process, SIGTERM);
-        EXPECT_TRUE(Await([&] { return kill(process, 0) != 0; }));
-    };
     start();
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
     health.Judged("");
     becomes(false, "has not been told what the policy forwards");
+    Shell("sleep 0.3");
     WriteText(path, "1");
     health.Wrote(path);
     becomes(false, "has not been restarted since /run/written.conf was written");
     stop();
     becomes(false, "does not run");
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
     start();
     health.Judged("");
     becomes(true, "holds the configuration");
@@ -325,10 +306,14 @@ TEST(ForwardingHealth, IsThatOfTheDaemonUnderWhatWasWrittenLast) {
 
 }  // namespace
 
-// In the place of the library's own: the points that ask for a pause.
+// In the place of the library's own: the points that ask for a pause, at each of their passes.
+unsigned long SDK::InnerCpuCtrlUtils::GetSuggestedRunTick() {
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    return run_tick;
+}
 void SDK::InnerCpuCtrlUtils::AdjustThreadCpu(const char* file, int line, const char* module,
                                              unsigned long /*now*/, unsigned long elapsed) {
     EXPECT_STREQ("rsyslog_module", module);
-    EXPECT_LT(GetSuggestedRunTick(), elapsed);
+    EXPECT_LT(run_tick, elapsed);
     ++throttled[{file, line}];
 }

@@ -1,7 +1,5 @@
 // From a policy document to the settings: module entry, envelope, content, task policies.
 
-#include <gtest/gtest.h>
-
 #include "module/module_rsyslog/src/RsyslogModule.h"
 #include "module/module_rsyslog/test/ModuleSupport.h"
 

@@ -1,6 +1,5 @@
 // Time strings and the record logs.
 
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
@@ -13,62 +12,37 @@
 namespace {
 
 using namespace TestSupport;
+using namespace std::string_literals;
 
 const char* const kLog = "/tmp/records.log";
 const char* const kBackup = "/tmp/records.log.0";
 
-TEST(TimeStrings, LocalTime) {
+TEST(TimeStrings, LocalTimesDurationsAndStamps) {
+    const std::numeric_limits<std::int64_t> limits;
     OpenTaskPtr task = NewTask();
     setenv("TZ", "UTC0", 1);
     EXPECT_EQ("2023-11-14 22:13:20 ", task->GetLocalTimeStr(1700000000));
     EXPECT_EQ("1969-12-31 23:59:59 ", task->GetLocalTimeStr(-1));
-    EXPECT_EQ("2106-02-07 06:28:16 ", task->GetLocalTimeStr(std::int64_t{1} << 32));
-    EXPECT_EQ("0", task->GetLocalTimeStr(std::numeric_limits<std::int64_t>::max()));
+    EXPECT_EQ("2106-02-07 06:28:16 ", task->GetLocalTimeStr(1LL << 32));
+    EXPECT_EQ("0", task->GetLocalTimeStr(limits.max()));
     setenv("TZ", "KTM-5:45", 1);  // a change of zone is seen
     EXPECT_EQ("2023-11-15 03:58:20 ", task->GetLocalTimeStr(1700000000));
-}
 
-TEST(TimeStrings, Durations) {
-    OpenTaskPtr task = NewTask();
-    const std::pair<std::int64_t, std::string> cases[] = {{-1, "0"},
-                                                          {0, "0"},
-                                                          {59, "00:00:59"},
-                                                          {3661, "01:01:01"},
-                                                          {86399, "23:59:59"},
-                                                          {86400, "1+00:00:00"},
-                                                          {864000, "10+00:00:00"},
-                                                          {1LL << 32, "49710+06:28:16"}};
-    for (const auto& [seconds, text] : cases) {
+    for (const auto& [seconds, text] :
+         {std::pair(-1LL, "0"), std::pair(0LL, "0"), std::pair(59LL, "00:00:59"),
+          std::pair(3661LL, "01:01:01"), std::pair(86399LL, "23:59:59"),
+          std::pair(86400LL, "1+00:00:00"), std::pair(1LL << 32, "49710+06:28:16")}) {
         EXPECT_EQ(text, task->GetSplittimeStr(-5 + seconds, -5)) << seconds;
     }
-    const std::numeric_limits<std::int64_t> limits;
     EXPECT_EQ("213503982334601+07:00:15", task->GetSplittimeStr(limits.max(), limits.min()));
-}
 
-TEST(TimeStrings, ShellStamps) {
-    OpenTaskPtr task = NewTask();
-    const std::pair<std::string, std::int64_t> cases[] = {{"", 0},
-                                                          {"1234", 0},
-                                                          {"12345", 12345000},
-                                                          {"#1234", 1234000},
-                                                          {"#abcd", 0},
-                                                          {"12 45", 12000},
-                                                          {"##123", 0},
-                                                          {"#1700000000", 1700000000000},
-                                                          {"1700000000", 1700000000000},
-                                                          {"#17000000001", 17000000001}};
-    for (const auto& [stamp, milliseconds] : cases) {
+    for (const auto& [stamp, milliseconds] :
+         {std::pair("", 0LL), std::pair("1234", 0LL), std::pair("12345", 12345000LL),
+          std::pair("#1234", 1234000LL), std::pair("#abcd", 0LL), std::pair("12 45", 12000LL),
+          std::pair("##123", 0LL), std::pair("#1700000000", 1700000000000LL),
+          std::pair("1700000000", 1700000000000LL), std::pair("#17000000001", 17000000001LL)}) {
         EXPECT_EQ(milliseconds, task->LogtimeToInt(stamp)) << stamp;
     }
-}
-
-TEST(RecordLog, OneNewlineEach) {
-    std::remove(kLog);
-    OpenTaskPtr task = NewTask();
-    for (const char* text : {"a", "b\n", "c\n\n", "d\ne", "\n"}) {
-        EXPECT_TRUE(task->HistoryWriteLog(text, kLog));
-    }
-    EXPECT_EQ("a\nb\nc\n\nd\ne\n\n", ReadText(kLog));
 }
 
 TEST(RecordLog, RotatesBeforeTheWriteThatReachesTheLimit) {
@@ -89,9 +63,9 @@ TEST(RecordLog, RotatesBeforeTheWriteThatReachesTheLimit) {
         EXPECT_TRUE(task->HistoryWriteLog(std::string(length - 1, 't'), kLog));
         EXPECT_EQ(length + (rotated ? 0 : size), fs::file_size(kLog));
         EXPECT_EQ(rotated ? size : 7, fs::file_size(kBackup));
-        const Strings lines = {std::string("8 remove log ok: ") + kBackup,
-                               std::string("8 backup_log [") + kBackup + "]",
-                               std::string("8 remove log failed: ") + kLog};
+        const Strings lines = Split(
+            "8 remove log ok: /tmp/records.log.0|8 backup_log [/tmp/records.log.0]|"
+            "8 remove log failed: /tmp/records.log");
         EXPECT_EQ(rotated ? lines : Strings(), log.Lines());
     }
     const LogCapture log("module_rsyslog");
@@ -105,14 +79,12 @@ TEST(RecordLog, RotatesBeforeTheWriteThatReachesTheLimit) {
 TEST(RecordLog, WhatCannotBeWritten) {
     OpenTaskPtr task = NewTask();
     ASSERT_EQ(0, mkfifo("/tmp/fifo", 0600));
-    const std::pair<std::string, Strings> cases[] = {
-        {"", {"3 log path or log empty."}},
-        {"/tmp/no/directory", {}},
-        {"/tmp/" + std::string(PATH_MAX, '/') + "x", {}},
-        {"/tmp", {"3 open log [/tmp] failed."}},
-        {"/tmp/fifo", {"3 open log [/tmp/fifo] failed."}},
-    };
-    for (const auto& [path, lines] : cases) {
+    for (const auto& [path, lines] :
+         {std::pair(""s, Strings{"3 log path or log empty."}),
+          std::pair("/tmp/no/directory"s, Strings()),
+          std::pair("/tmp/" + std::string(PATH_MAX, '/') + "x", Strings()),
+          std::pair("/tmp"s, Strings{"3 open log [/tmp] failed."}),
+          std::pair("/tmp/fifo"s, Strings{"3 open log [/tmp/fifo] failed."})}) {
         const LogCapture log("module_rsyslog");
         EXPECT_FALSE(task->HistoryWriteLog("a", path)) << path;
         EXPECT_EQ(lines, log.Lines()) << path;
@@ -121,12 +93,14 @@ TEST(RecordLog, WhatCannotBeWritten) {
     EXPECT_FALSE(fs::exists("/tmp/empty.log"));
 }
 
-TEST(RecordLog, NoPieceOfARecordGetsInTheWayOrStays) {
+// One newline each, and no piece of a record gets in the way or stays.
+TEST(RecordLog, HoldsWholeLines) {
     OpenTaskPtr task = NewTask();
     WriteText(kLog, "whole\nhal");
-    EXPECT_TRUE(task->HistoryWriteLog("record", kLog));
-    EXPECT_TRUE(task->HistoryWriteLog("next", kLog));
-    const std::string before = "whole\nhal\nrecord\nnext\n";
+    for (const char* text : {"a", "b\n", "c\n\n", "d\ne", "\n"}) {
+        EXPECT_TRUE(task->HistoryWriteLog(text, kLog));
+    }
+    const std::string before = "whole\nhal\na\nb\nc\n\nd\ne\n\n";
     EXPECT_EQ(before, ReadText(kLog));
     std::signal(SIGXFSZ, SIG_IGN);
     // Bytes a file may have: room for a part.

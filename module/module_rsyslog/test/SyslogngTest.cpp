@@ -1,7 +1,5 @@
 // The marked blocks of syslog-ng's configuration and of its AppArmor profile.
 
-#include <gtest/gtest.h>
-
 #include "module/module_rsyslog/test/ModuleSupport.h"
 
 namespace {
