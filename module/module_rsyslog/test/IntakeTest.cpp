@@ -1,10 +1,14 @@
-// From a policy document to the settings: module entry, envelope, content, task policies.
+// From a policy document to the settings, and what is said of it on paper: policies.json has the
+// cases, of which each is also held against the schema.
 
 #include "module/module_rsyslog/src/RsyslogModule.h"
 #include "module/module_rsyslog/test/ModuleSupport.h"
+#include "sdk/JsonUtils.h"
 
 namespace {
 
+using namespace TestSupport;
+using namespace std::string_literals;
 using Engine::RsyslogPolicy;
 
 std::string Document(const std::string& content, const std::string& more = "") {
@@ -12,98 +16,109 @@ std::string Document(const std::string& content, const std::string& more = "") {
            R"("feature_hash":"fh","hash":"h","policy_id":"p1","content":)" + content + "}";
 }
 
+Poco::AutoPtr<Framework::Module> NewModule() {
+    TestEngine();
+    return Poco::AutoPtr<Framework::Module>(static_cast<Framework::Module*>(CreateModule()));
+}
+
 // One delivery to a fresh module, which takes documents of its type only, and none once it ended.
 struct Delivery {
     explicit Delivery(const std::string& text, Framework::Policy* current = nullptr) {
-        Poco::AutoPtr<Framework::Module> module(static_cast<Framework::Module*>(CreateModule()));
         EXPECT_EQ(0, module->Init());
         policy.reset(module->RefreshPolicy("10001", "key", text, current));
         EXPECT_EQ(nullptr, module->RefreshPolicy("10002", "key", text, current));
         module->UnInit();
         EXPECT_EQ(nullptr, module->RefreshPolicy("10001", "key", text, current));
     }
-    const RsyslogPolicy& Parsed() const { return dynamic_cast<RsyslogPolicy&>(*policy); }
 
-    Framework::Engine& engine = TestSupport::TestEngine();
-    TestSupport::LogCapture log{"module_rsyslog"};
+    Poco::AutoPtr<Framework::Module> module = NewModule();
+    LogCapture log{"module_rsyslog"};
     std::unique_ptr<Framework::Policy> policy;
 };
 
 TEST(Intake, RefusesAndFlags) {
-    struct Case {
-        const char* text;
-        bool policy, flags;
-        const char* logged;
-    };
-    for (const Case& c :
-         {Case{"", false, false, "Parse Policy Failed"},
-          Case{R"({"module_name":)", false, false, "Parse Policy Failed"},
-          Case{"[1]", false, false, "(moduleName=) does not belong"},
-          Case{R"({"module_name":"other"})", false, false, "(moduleName=other) does not belong"},
-          Case{R"({"module_name":"rsyslog_module","feature_name":["rsyslog_feature"]})", false,
-               true, "unknown feature name"},
-          Case{R"({"module_name":"rsyslog_module","feature_name":"rsyslog_feature"})", true, true,
-               nullptr}}) {
-        SCOPED_TRACE(c.text);
+    for (const auto& [text, accepts, flags, logged] :
+         {std::tuple("", false, false, "Parse Policy Failed"),
+          std::tuple(R"({"module_name":)", false, false, "Parse Policy Failed"),
+          std::tuple("[1]", false, false, "(moduleName=) does not belong"),
+          std::tuple(R"({"module_name":"other"})", false, false,
+                     "(moduleName=other) does not belong"),
+          std::tuple(R"({"module_name":"rsyslog_module","feature_name":["rsyslog_feature"]})",
+                     false, true, "unknown feature name"),
+          std::tuple(R"({"module_name":"rsyslog_module","feature_name":"rsyslog_feature"})", true,
+                     true, "")}) {
+        SCOPED_TRACE(text);
         RsyslogPolicy current("rsyslog_feature");
-        const Delivery delivery(c.text, &current);
-        EXPECT_EQ(c.policy, delivery.policy != nullptr);
-        EXPECT_EQ(c.flags, current.Changed());
-        EXPECT_EQ(c.logged == nullptr ? 0 : 1, delivery.log.Errors());
-        EXPECT_TRUE(c.logged == nullptr || delivery.log.Holding(c.logged) == 1);
+        const Delivery delivery(text, &current);
+        EXPECT_EQ(accepts, delivery.policy != nullptr);
+        EXPECT_EQ(flags, current.Changed());
+        EXPECT_EQ(*logged == '\0' ? 0 : 1, delivery.log.Errors());
+        EXPECT_LE(delivery.log.Errors(), delivery.log.Holding(logged));
     }
 }
 
-TEST(Intake, AbsentValuesAndWrongKindsGiveDefaults) {
-    const std::string absent = Document("{}");
-    const std::string wrong = Document(
-        R"({"check_period_s":"5","history_size":[],"his_count":1e99,"his_interval":3000000000,
-            "server_balance":"no","tchar_filter":0,"get_history":"yes","server_type":1,
-            "server":"10.0.0.1","log_path":{},"white_list":[1,null,"ls",["x"]]})",
-        R"("enable":"disable",)");
-    for (const auto& text : {absent, wrong}) {
+// Numbers, truth values and texts of a policy, with its period as the framework knows it.
+std::string Describe(const RsyslogPolicy& policy) {
+    const RsyslogPolicy::RSYSLOG_POLICY& s = policy.Settings();
+    const Framework::TaskPolicy* child = policy.FindTaskPolicy("rsyslog_task");
+    std::ostringstream out;
+    out << std::boolalpha << policy.Name() << " " << policy.Hash() << " " << policy.Id() << " "
+        << policy.Enabled() << " " << (child == nullptr ? 0 : child->Condition().kind) << ":"
+        << (child == nullptr ? 0 : child->Condition().value) << " " << s.check_period_s << " "
+        << s.history_size << " " << s.his_count << " " << s.his_interval << " balance "
+        << s.server_balance << " tabs " << s.tchar_filter << " history " << s.get_history << " "
+        << s.up_history << " logins " << s.get_lastlog << " " << s.up_lastlog << " run time "
+        << s.need_rewrite << s.is_rsyslog << s.is_syslogng << " " << s.server_type;
+    for (const auto* list : {&s.server, &s.white_list}) {
+        for (const std::string& text : *list) {
+            out << "," << text;
+        }
+    }
+    for (const auto& entry : s.log_path) {
+        out << "[" << entry.path << "|" << entry.port << "]" << entry.servers.size();
+    }
+    return out.str();
+}
+
+// Absent values and those of a wrong kind give defaults; paths are split at their last colon.
+TEST(Intake, EveryKeyHasItsValue) {
+    const std::string defaults =
+        "rsyslog_feature h p1 true 10:10 10 10 10000 10000 balance true tabs true history false "
+        "false logins false false run time truefalsefalse ";
+    const std::string log_dir = "/usr/local/watchpost/log/watchpost_";
+    for (const auto& [text, described, errors] :
+         {std::tuple(Document("{}"), defaults, 0),
+          std::tuple(
+              Document(
+                  R"({"check_period_s":"5","history_size":[],"his_count":1e99,"server_balance":"no",
+                      "his_interval":3000000000,"tchar_filter":0,"get_history":"yes",
+                      "server_type":1,"server":"10.0.0.1","log_path":{},
+                      "white_list":[1,null,"ls",["x"]]})",
+                  R"("enable":"disable",)"),
+              defaults + ",ls", 0),
+          std::tuple(Document(R"({"check_period_s":5,"history_size":6,"his_count":7,
+                      "his_interval":8,"server_balance":false,"tchar_filter":false,
+                      "get_history":true,"up_lastlog":true,"server_type":"udp",
+                      "server":["a","b"],"white_list":["c"],
+                      "log_path":[3,"/d:514","a:b:601","/x",":514","","/y:","/z:no number"]})",
+                              R"("enable":false,)"),
+                     "rsyslog_feature h p1 false 10:5 5 6 7 8 balance false tabs false history "
+                     "true false logins false true run time truefalsefalse udp,a,b,c"
+                     "[/d|514]0[a:b|601]0[/y|]0[/z|no number]0"s,
+                     3),
+          std::tuple(
+              Document(R"({"up_history":true,"get_lastlog":true})"),
+              "rsyslog_feature h p1 true 10:10 10 10 10000 10000 balance true tabs true history "
+              "false true logins true false run time truefalsefalse "s,
+              0)}) {
         const Delivery delivery(text);
-        const RsyslogPolicy& policy = delivery.Parsed();
-        EXPECT_EQ("rsyslog_feature h p1", policy.Name() + " " + policy.Hash() + " " + policy.Id());
-        EXPECT_TRUE(policy.Enabled());
-        const auto& settings = policy.Settings();
-        EXPECT_EQ(10, settings.check_period_s);
-        EXPECT_EQ(10, settings.history_size);
-        EXPECT_EQ(10000, settings.his_count);
-        EXPECT_EQ(10000, settings.his_interval);
-        EXPECT_TRUE(settings.server_balance && settings.tchar_filter && settings.need_rewrite);
-        EXPECT_FALSE(settings.get_history || settings.up_history || settings.get_lastlog ||
-                     settings.up_lastlog || settings.is_rsyslog || settings.is_syslogng);
-        EXPECT_TRUE(settings.server_type.empty() && settings.server.empty() &&
-                    settings.log_path.empty());
-        EXPECT_EQ(std::list<std::string>(text == wrong ? 1 : 0, "ls"), settings.white_list);
-        const std::string log_dir = "/usr/local/watchpost/log/watchpost_";
-        EXPECT_EQ(log_dir + "bash_history.log", settings.history_log_path);
-        EXPECT_EQ(log_dir + "last_login.log", settings.last_login_log_path);
-
-        const Framework::TaskPolicy* child = policy.FindTaskPolicy("rsyslog_task");
-        ASSERT_NE(nullptr, child);
-        EXPECT_EQ(10, child->Condition().kind);
-        EXPECT_EQ(10, child->Condition().value);
-        EXPECT_EQ(0, delivery.log.Errors());
+        const auto& policy = dynamic_cast<const RsyslogPolicy&>(*delivery.policy);
+        EXPECT_EQ(described, Describe(policy));
+        EXPECT_EQ(log_dir + "bash_history.log", policy.Settings().history_log_path);
+        EXPECT_EQ(log_dir + "last_login.log", policy.Settings().last_login_log_path);
+        EXPECT_EQ(errors, delivery.log.Errors());
+        EXPECT_EQ(errors, delivery.log.Holding("3 invalid parameter : "));
     }
-}
-
-TEST(Intake, ForwardedPathsSplitAtTheLastColon) {
-    const Delivery delivery(Document(R"({"log_path":[3,"/var/log/messages:514","a:b:601","/x",
-        ":514","","/y:","/z:no number"]})",
-                                     R"("enable":false,)"));
-    std::string paths;
-    for (const auto& entry : delivery.Parsed().Settings().log_path) {
-        paths += "[" + entry.path + "|" + entry.port + "]";
-        EXPECT_TRUE(entry.servers.empty());
-    }
-    EXPECT_EQ("[/var/log/messages|514][a:b|601][/y|][/z|no number]", paths);
-    for (const char* entry : {"/x", ":514", ""}) {
-        EXPECT_EQ(1,
-                  delivery.log.Count(std::string("3 invalid parameter : ") + entry + ". no port"));
-    }
-    EXPECT_FALSE(delivery.policy->Enabled());
 }
 
 TEST(Intake, StandaloneTaskPolicy) {
@@ -113,6 +128,63 @@ TEST(Intake, StandaloneTaskPolicy) {
     EXPECT_FALSE(policy.Parse(R"({"task_condition":{"kind":10,"value":0}})"));
     EXPECT_TRUE(policy.Parse(R"({"task_condition":{"kind":10,"value":30}})"));
     EXPECT_EQ(30, policy.Condition().value);
+}
+
+// "refused" stands for an error that refuses.
+Strings Judged(const std::string& text) {
+    Poco::AutoPtr<Framework::Module> module = NewModule();
+    std::vector<Framework::Finding> findings;
+    EXPECT_FALSE(module->JudgePolicy("10002", text, false, findings));
+    EXPECT_TRUE(module->JudgePolicy("10001", text, false, findings));
+    Strings lines;
+    for (const auto& finding : findings) {
+        lines.push_back((finding.refuses ? "refused" : Framework::Name(finding.severity)) +
+                        std::string(" ") + finding.key + ": " + finding.problem + "; " +
+                        finding.advice);
+    }
+    return lines;
+}
+
+TEST(Judge, SaysOfEachDocumentWhatIsWrongAndNoMore) {
+    Json::Value cases;
+    const std::string file = ReadText(POLICY_CASES);
+    ASSERT_EQ(0, SDK::JsonUtils::ParseJsonStr(file.data(), file.size(), cases));
+    ASSERT_LT(30U, cases.size());
+    for (const Json::Value& c : cases) {
+        Json::Value document = c.get("document", c.get("envelope", Json::objectValue));
+        if (!c.isMember("document")) {
+            document["module_name"] = "rsyslog_module";
+            document["feature_name"] = "rsyslog_feature";
+            document["content"] = c.get("content", Json::objectValue);
+        }
+        const std::string text =
+            c.isMember("text") ? c["text"].asString() : SDK::JsonUtils::JsonToString(document);
+        Strings found = Judged(text);
+        Strings expected;
+        for (const Json::Value& finding : c["findings"]) {
+            expected.push_back(finding.asString());
+        }
+        // Each expectation is the start of a line.
+        for (std::size_t i = 0; i < found.size() && i < expected.size(); ++i) {
+            found[i].resize(std::min(found[i].size(), expected[i].size()));
+        }
+        EXPECT_EQ(expected, found) << text;
+    }
+}
+
+// Of what is wrong a thousand times a part is told, and a refusal is never left out.
+TEST(Judge, IsBoundedWhateverTheDocumentHolds) {
+    std::string unknown;
+    for (int i = 0; i < 20000; ++i) {
+        unknown += "\"key" + std::to_string(i) + "\":1,";
+    }
+    const auto start = std::chrono::steady_clock::now();
+    const Strings found = Judged(Document(R"({"log_path":["/a\nb:1"]})", unknown));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    EXPECT_EQ(102U, found.size());
+    EXPECT_EQ(1, std::count_if(found.begin(), found.end(), [](const std::string& line) {
+                  return line.find("refused content.log_path[0]: holds a control") == 0;
+              }));
 }
 
 }  // namespace
