@@ -1,4 +1,4 @@
-// Servers, balancing, and rsyslog's configuration.
+// Servers, balancing, and the configurations of rsyslog and of syslog-ng with its AppArmor profile.
 
 #include <arpa/inet.h>
 #include <sys/socket.h>
@@ -158,6 +158,103 @@ TEST(RsyslogConf, RewriteByServerType) {
         EXPECT_EQ(written ? head : "", content.substr(0, head.size()));
         EXPECT_EQ(content.size(), content.rfind(rule) + std::strlen(rule));
     }
+}
+
+const std::string kConf = "/etc/syslog-ng/syslog-ng.conf";
+const std::string kProfile = "/etc/apparmor.d/sbin.syslog-ng";
+const std::string kBackups = "/usr/local/watchpost/conf";
+const std::string kBegin = "######WATCHPOST SYSLOGNG CONFIG BEGIN######\n\n";
+const std::string kEnd = "######WATCHPOST SYSLOGNG CONFIG END######\n\n";
+const std::string kRules = kBegin + "  /var/log/a r,\n  /var/log/b c r,\n" + kEnd;
+const std::string kBlock = kBegin +
+                           "#userdef\nsource watchpost_src1 {\n\tfile(\"/var/log/a\" "
+                           "follow-freq(10) flags(no-parse));\n};\n#userdef\n\n"
+                           "destination watchpost_server1 { udp(\"s1\" port(514)); };\n\n"
+                           "log { source(watchpost_src1); destination(watchpost_server1); };\n\n"
+                           "destination watchpost_server2 { udp(\"s2\" port(514)); };\n\n"
+                           "log { source(watchpost_src1); destination(watchpost_server2); };\n\n"
+                           "#userdef\nsource watchpost_src2 {\n\tfile(\"/var/log/b c\" "
+                           "follow-freq(10) flags(no-parse));\n};\n#userdef\n\n"
+                           "destination watchpost_server3 { udp(\"s1\" port(601)); };\n\n"
+                           "log { source(watchpost_src2); destination(watchpost_server3); };\n\n" +
+                           kEnd;
+
+// A task that forwards two files, with everything in place.
+OpenTaskPtr SyslogngTask(const std::string& text) {
+    Shell("mkdir -p " + kBackups);
+    WriteText(kConf, text);
+    WriteText(kProfile, text);
+    OpenTaskPtr task = TaskFor("udp", false, {}, {"s1", "s2"});
+    task->rsyslog_policy.log_path.push_back({"601", "/var/log/b c", {"s1"}});
+    return task;
+}
+
+TEST(Syslogng, BlocksAreReplacedWhereTheyAre) {
+    const std::string truncated = "a\n######WATCHPOST SYSLOGNG CONFIG BEGIN######\nb}" + kEnd;
+    for (const auto& [before, cleaned] :
+         {std::pair("\0\xff\r\n}"s, "\0\xff\r\n}"s), std::pair("a}\n" + kBlock, "a}\n"s),
+          std::pair("a\n" + kBlock + "lost" + kBlock + "b}\n# c", "a\nb}\n# c"s),
+          std::pair("a\n" + kBegin + "b}\n", "a\n" + kBegin + "b}\n"),
+          std::pair("a" + kEnd + "b" + kBegin + "c}", "a" + kEnd + "bb" + kBegin + "c}"),
+          std::pair(truncated, truncated)}) {
+        for (const bool files : {true, false}) {
+            SCOPED_TRACE(before);
+            const LogCapture log("module_rsyslog");
+            OpenTaskPtr task = SyslogngTask(before);
+            if (!files) {
+                task->rsyslog_policy.log_path.clear();
+            }
+            EXPECT_TRUE(task->OverWriteSyslogngConf() && task->OverWriteSyslogngReadAuditConf());
+            EXPECT_EQ(cleaned, ReadText(kBackups + "/syslog-ng.conf.watchpostbak"));
+            EXPECT_EQ(cleaned, ReadText(kBackups + "/sbin.syslog-ng.watchpostbak"));
+            EXPECT_EQ(cleaned + (files ? kBlock : ""), ReadText(kConf));
+            EXPECT_EQ(cleaned.substr(0, cleaned.rfind('}')) + (files ? kRules : "") + "}\n",
+                      ReadText(kProfile));
+            EXPECT_EQ(0, log.Errors());
+        }
+    }
+}
+
+// One thing is wrong at a time; the administrator's text stays in the file or in its backup.
+TEST(Syslogng, FailuresKeepTheText) {
+    const std::string text = "admin {\n  rule,\n}\n";
+    const std::string written = text + kBlock;
+    const auto read_only = [](const std::string& directory) {
+        return "mount -o bind,ro " + directory + " " + directory;
+    };
+    const auto full_disk = [](const std::string& directory, const std::string& file) {
+        return "cp " + file + " /tmp/kept && mount -t tmpfs -o size=16k full " + directory +
+               " && cp /tmp/kept " + file + " && ! head -c 64k /dev/zero 2>&- >" + directory + "/x";
+    };
+    std::remove("/run/service.log");
+    for (const auto& [fault, logged, conf_after, profile_after] :
+         {std::tuple("rm " + kConf, "read syslog-ng.conf failed.", ""s, text),
+          std::tuple("rm " + kProfile, "read sbin.syslog-ng failed.", written, ""s),
+          std::tuple("truncate -s 10485761 " + kProfile, "read sbin.syslog-ng failed.", written,
+                     text + std::string(10485761 - text.size(), '\0')),
+          std::tuple("echo text >" + kProfile, "not find }", written, "text\n"s),
+          std::tuple("rm -r " + kBackups + " && touch " + kBackups, "backup syslog-ng.conf failed.",
+                     text, text),
+          std::tuple(read_only("/etc/syslog-ng"), "write syslog-ng.conf failed.", text, text),
+          std::tuple(full_disk("/etc/syslog-ng", kConf), "write syslog-ng.conf failed.", text,
+                     text),
+          std::tuple(read_only("/etc/apparmor.d"), "write sbin.syslog-ng failed.", written, text),
+          std::tuple(full_disk("/etc/apparmor.d", kProfile), "write sbin.syslog-ng failed.",
+                     written, text),
+          std::tuple("true"s, "server_type not tcp or udp, tls", text, text)}) {
+        SCOPED_TRACE(fault);
+        const LogCapture log("module_rsyslog", Poco::Message::PRIO_ERROR);
+        OpenTaskPtr task = SyslogngTask(text);
+        task->rsyslog_policy.server_type = fault == "true" ? "tls" : "udp";
+        Shell(fault);
+        task->SyslogServiceManage();
+        EXPECT_EQ(Strings{std::string("3 ") + logged}, log.Lines());
+        EXPECT_TRUE(conf_after == ReadText(kConf));
+        EXPECT_TRUE(profile_after == ReadText(kProfile));
+        Shell("[ -d " + kBackups + " ] || rm " + kBackups +
+              "; umount -q /etc/syslog-ng /etc/apparmor.d; true");
+    }
+    EXPECT_EQ("", ReadText("/run/service.log") + ReadText("/run/rcapparmor.log"));
 }
 
 }  // namespace

@@ -22,21 +22,19 @@ using Reports = std::vector<std::pair<std::string, std::string>>;
 
 // The task with its operations and state open to tests.
 class OpenTask : public Engine::RsyslogTask {
+    using Base = RsyslogTask;
+
 public:
-    using RsyslogTask::alarm_time_map, RsyslogTask::cycle_count, RsyslogTask::history_list,
-        RsyslogTask::rsyslog_conf_file, RsyslogTask::rsyslog_policy, RsyslogTask::utmp_list,
-        RsyslogTask::utmp_mutex;
-    using RsyslogTask::BuildHistoryLog, RsyslogTask::CheckHistoryProfile,
-        RsyslogTask::CheckHistoryReport, RsyslogTask::HistoryBackupLog,
-        RsyslogTask::HistorySetLogPath, RsyslogTask::HistoryTailLogs, RsyslogTask::HistoryWriteLog,
-        RsyslogTask::ParseHistoryLog, RsyslogTask::SyslogGetUserList;
-    using RsyslogTask::BuildLastInfo, RsyslogTask::GetLocalTimeStr, RsyslogTask::GetSplittimeStr,
-        RsyslogTask::LogtimeToInt, RsyslogTask::ParseEveryUtmp, RsyslogTask::ReadLastAllinfo;
-    using RsyslogTask::CheckSyslogNeedRewrite, RsyslogTask::CheckSyslogRunning,
-        RsyslogTask::GenerateRsyslogConfContent, RsyslogTask::GetIncludeConfigPath,
-        RsyslogTask::OverWriteSyslogngConf, RsyslogTask::OverWriteSyslogngReadAuditConf,
-        RsyslogTask::RsyslogConfRewrite, RsyslogTask::SendRsyslogAlarm,
-        RsyslogTask::SyslogServiceManage;
+    using Base::alarm_time_map, Base::cycle_count, Base::history_list, Base::rsyslog_policy,
+        Base::utmp_list, Base::utmp_mutex;
+    using Base::BuildHistoryLog, Base::CheckHistoryProfile, Base::CheckHistoryReport,
+        Base::HistoryBackupLog, Base::HistorySetLogPath, Base::HistoryTailLogs,
+        Base::HistoryWriteLog, Base::ParseHistoryLog, Base::SyslogGetUserList;
+    using Base::BuildLastInfo, Base::GetLocalTimeStr, Base::GetSplittimeStr, Base::LogtimeToInt,
+        Base::ReadLastAllinfo;
+    using Base::CheckSyslogNeedRewrite, Base::CheckSyslogRunning, Base::GenerateRsyslogConfContent,
+        Base::GetIncludeConfigPath, Base::OverWriteSyslogngConf, Base::RsyslogConfRewrite,
+        Base::OverWriteSyslogngReadAuditConf, Base::SendRsyslogAlarm, Base::SyslogServiceManage;
 };
 
 using OpenTaskPtr = Poco::AutoPtr<OpenTask>;
@@ -48,6 +46,8 @@ inline OpenTaskPtr NewTask() {
 
 const char* const kCommandLog = "/tmp/commands.log";
 const char* const kLoginLog = "/tmp/logins.log";
+
+const char* const kLoginFile = "/var/log/wtmp";
 
 // A task in light cycles that records and reports all there is, in logs begun anew.
 inline OpenTaskPtr CollectingTask() {
@@ -83,8 +83,6 @@ inline Strings LinesOf(const std::string& path, std::size_t skipped = 0) {
     return lines;
 }
 
-const char* const kLoginFile = "/var/log/wtmp";
-
 inline utmp LoginEntry(int type, const char* line, int time) {
     utmp entry = {};
     entry.ut_type = static_cast<short>(type);
@@ -99,22 +97,21 @@ inline void Log(const utmp& entry) {
         .write(reinterpret_cast<const char*>(&entry), sizeof(entry));
 }
 
-// Collects the task's lines as LogCapture does, but without their levels, and stops the task at the
-// line of that number.
+// Collects a task's lines without their levels, and stops it at the line of that number.
 class StoppingCapture {
 public:
     StoppingCapture(OpenTaskPtr task, std::size_t stop_after, int level = Poco::Message::PRIO_TRACE)
-        : collector_(new Collector) {
-        collector_->task = std::move(task);
-        collector_->stop_after = stop_after;
+        : channel_(new Channel) {
+        channel_->task = std::move(task);
+        channel_->stop_after = stop_after;
         logger_.setLevel(level);
-        logger_.setChannel(collector_);
+        logger_.setChannel(channel_);
     }
     ~StoppingCapture() { logger_.setChannel(nullptr); }
-    const Strings& Lines() const { return collector_->lines; }
+    const Strings& Lines() const { return channel_->lines; }
 
 private:
-    struct Collector : Poco::Channel {
+    struct Channel : Poco::Channel {
         void log(const Poco::Message& message) override {
             lines.push_back(message.getText());
             if (lines.size() == stop_after) {
@@ -126,7 +123,7 @@ private:
         Strings lines;
     };
     Poco::Logger& logger_ = Poco::Logger::get("module_rsyslog");
-    Poco::AutoPtr<Collector> collector_;
+    Poco::AutoPtr<Channel> channel_;
 };
 
 inline void Shell(const std::string& command) {
