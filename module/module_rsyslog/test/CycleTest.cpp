@@ -15,7 +15,6 @@
 namespace {
 
 using namespace TestSupport;
-using namespace std::string_literals;
 
 const std::pair<std::string, std::string> kNoDaemon = {
     "rsyslog_3", R"({"message":"rsyslog or syslog-ng status is not running."})"};

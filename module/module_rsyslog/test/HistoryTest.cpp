@@ -17,8 +17,6 @@
 namespace {
 
 using namespace TestSupport;
-using Engine::WorkRecord;
-using namespace std::string_literals;
 
 const char* const kHistory = "/home/ann/.bash_history";
 const char* const kStartUp = "/home/ann/.bashrc";
@@ -497,7 +495,7 @@ private:
 };
 
 TEST(Faults, CostNobodyElseHisTurnAndNothingIsSentTwice) {
-    auto& record = WorkRecord::Instance();
+    auto& record = Engine::WorkRecord::Instance();
     const auto cuts = [&record] { return record.Get().events[Engine::kHistoryCut]; };
     const std::string stamp = "#1700000000\n";
     for (const auto& [before, faults, order] :

@@ -8,7 +8,6 @@
 namespace {
 
 using namespace TestSupport;
-using namespace std::string_literals;
 using Engine::RsyslogPolicy;
 
 std::string Document(const std::string& content, const std::string& more = "") {
@@ -57,18 +56,16 @@ TEST(Intake, RefusesAndFlags) {
     }
 }
 
-// Numbers, truth values and texts of a policy, with its period as the framework knows it.
+// What a policy holds: its envelope, numbers, flags and texts.
 std::string Describe(const RsyslogPolicy& policy) {
     const RsyslogPolicy::RSYSLOG_POLICY& s = policy.Settings();
-    const Framework::TaskPolicy* child = policy.FindTaskPolicy("rsyslog_task");
+    const Framework::TaskCondition& period = policy.FindTaskPolicy("rsyslog_task")->Condition();
     std::ostringstream out;
-    out << std::boolalpha << policy.Name() << " " << policy.Hash() << " " << policy.Id() << " "
-        << policy.Enabled() << " " << (child == nullptr ? 0 : child->Condition().kind) << ":"
-        << (child == nullptr ? 0 : child->Condition().value) << " " << s.check_period_s << " "
-        << s.history_size << " " << s.his_count << " " << s.his_interval << " balance "
-        << s.server_balance << " tabs " << s.tchar_filter << " history " << s.get_history << " "
-        << s.up_history << " logins " << s.get_lastlog << " " << s.up_lastlog << " run time "
-        << s.need_rewrite << s.is_rsyslog << s.is_syslogng << " " << s.server_type;
+    out << policy.Name() << " " << policy.Hash() << " " << policy.Id() << " " << policy.Enabled()
+        << " period " << period.kind << ":" << period.value << " " << s.check_period_s << " sizes "
+        << s.history_size << " " << s.his_count << " " << s.his_interval << " flags "
+        << s.server_balance << s.tchar_filter << s.get_history << s.up_history << s.get_lastlog
+        << s.up_lastlog << s.need_rewrite << s.is_rsyslog << s.is_syslogng << " " << s.server_type;
     for (const auto* list : {&s.server, &s.white_list}) {
         for (const std::string& text : *list) {
             out << "," << text;
@@ -83,11 +80,10 @@ std::string Describe(const RsyslogPolicy& policy) {
 // Absent values and those of a wrong kind give defaults; paths are split at their last colon.
 TEST(Intake, EveryKeyHasItsValue) {
     const std::string defaults =
-        "rsyslog_feature h p1 true 10:10 10 10 10000 10000 balance true tabs true history false "
-        "false logins false false run time truefalsefalse ";
+        "rsyslog_feature h p1 1 period 10:10 10 sizes 10 10000 10000 flags ";
     const std::string log_dir = "/usr/local/watchpost/log/watchpost_";
     for (const auto& [text, described, errors] :
-         {std::tuple(Document("{}"), defaults, 0),
+         {std::tuple(Document("{}"), defaults + "110000100 ", 0),
           std::tuple(
               Document(
                   R"({"check_period_s":"5","history_size":[],"his_count":1e99,"server_balance":"no",
@@ -95,22 +91,18 @@ TEST(Intake, EveryKeyHasItsValue) {
                       "server_type":1,"server":"10.0.0.1","log_path":{},
                       "white_list":[1,null,"ls",["x"]]})",
                   R"("enable":"disable",)"),
-              defaults + ",ls", 0),
+              defaults + "110000100 ,ls", 0),
+          std::tuple(Document(R"({"up_history":true,"get_lastlog":true})"), defaults + "110110100 ",
+                     0),
           std::tuple(Document(R"({"check_period_s":5,"history_size":6,"his_count":7,
                       "his_interval":8,"server_balance":false,"tchar_filter":false,
                       "get_history":true,"up_lastlog":true,"server_type":"udp",
                       "server":["a","b"],"white_list":["c"],
                       "log_path":[3,"/d:514","a:b:601","/x",":514","","/y:","/z:no number"]})",
                               R"("enable":false,)"),
-                     "rsyslog_feature h p1 false 10:5 5 6 7 8 balance false tabs false history "
-                     "true false logins false true run time truefalsefalse udp,a,b,c"
+                     "rsyslog_feature h p1 0 period 10:5 5 sizes 6 7 8 flags 001001100 udp,a,b,c"
                      "[/d|514]0[a:b|601]0[/y|]0[/z|no number]0"s,
-                     3),
-          std::tuple(
-              Document(R"({"up_history":true,"get_lastlog":true})"),
-              "rsyslog_feature h p1 true 10:10 10 10 10000 10000 balance true tabs true history "
-              "false true logins true false run time truefalsefalse "s,
-              0)}) {
+                     3)}) {
         const Delivery delivery(text);
         const auto& policy = dynamic_cast<const RsyslogPolicy&>(*delivery.policy);
         EXPECT_EQ(described, Describe(policy));

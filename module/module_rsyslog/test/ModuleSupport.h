@@ -17,6 +17,7 @@
 namespace TestSupport {
 
 namespace fs = std::filesystem;
+using namespace std::string_literals;
 using Strings = std::vector<std::string>;
 using Reports = std::vector<std::pair<std::string, std::string>>;
 

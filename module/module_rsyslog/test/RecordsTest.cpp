@@ -17,7 +17,6 @@
 namespace {
 
 using namespace TestSupport;
-using namespace std::string_literals;
 using Engine::utmp_info;
 
 const char* const kLog = "/tmp/records.log";
