@@ -192,20 +192,19 @@ TEST_F(Forwarding, WorkSucceedsWhenItIsDoneInFullOnly) {
 
 // A cycle in which nothing changed opens no file that it has read.
 TEST_F(Forwarding, WhatIsUnchangedIsNotReadAgain) {
-    const std::string history = "/tmp/.bash_history";
+    const Strings files = Split("/tmp/.bash_history|/run/.bash_history|/etc/passwd|/var/log/wtmp");
     OpenTaskPtr task = CollectingTask();
     WriteText("/etc/passwd", "al:x:7:8:Al:/tmp:/bin/sh\nbo:x:7:8:Bo:/run:/bin/sh\n");
-    WriteText(history, "old\n");
-    WriteText("/run/.bash_history", "old\n");
     WriteText(kLoginFile, "");
+    WriteText(files[0], "old\n");
+    WriteText(files[1], "old\n");
     task->Run();
-    WriteText("/run/.bash_history", "");  // out of bounds, which is another thing than unchanged
+    WriteText(files[1], "");  // out of bounds, which is another thing than unchanged
     std::this_thread::sleep_for(std::chrono::milliseconds(2100));  // no longer just changed
     task->Run();
     task->Run();
     const int opened = inotify_init1(IN_NONBLOCK);
-    for (const std::string& path :
-         Strings{history, "/run/.bash_history", "/etc/passwd", kLoginFile}) {
+    for (const std::string& path : files) {
         ASSERT_LT(0, inotify_add_watch(opened, path.c_str(), IN_OPEN | IN_ACCESS));
     }
     const int unchanged = log_.Holding("not change.");
@@ -214,14 +213,13 @@ TEST_F(Forwarding, WhatIsUnchangedIsNotReadAgain) {
     EXPECT_EQ(unchanged + 2, log_.Holding("not change."));
     char event[1024];
     EXPECT_EQ(-1, read(opened, event, sizeof(event)));
-    // Of the same length, with its times set back.
-    const auto time = fs::last_write_time(history);
-    WriteText(history, "new\n");
-    fs::last_write_time(history, time);
+    // Of the same length, with its time set back.
+    Shell(
+        "cd /tmp; touch -r .bash_history time; echo new >.bash_history; touch -r time "
+        ".bash_history");
     task->Run();
     EXPECT_EQ(1, log_.Holding("8 recordtext is :"));
     EXPECT_LT(0, read(opened, event, sizeof(event)));
-    close(opened);
 }
 
 // Each pass of a throttle point asks for a pause, until there is no limit or a long time to go.
@@ -268,28 +266,26 @@ TEST(ForwardingHealth, IsThatOfTheDaemonUnderWhatWasWrittenLast) {
         EXPECT_NE(std::string::npos, conditions.front().text.find(piece))
             << conditions.front().text;
     };
-    const auto start = [] {
-        Shell("sleep 0.3; rsyslogd -f /run/r.conf -i /run/r.pid 2>/dev/null");
-        EXPECT_TRUE(Await([] { return !ReadText("/run/r.pid").empty(); }));
-    };
-    const auto stop = [] {
-        Shell("P=$(cat /run/r.pid) && kill $P && while [ -e /proc/$P ]; do sleep 0.01; done");
-    };
+    // Times are hundredths of a second.
+    const std::string start =
+        "sleep 0.1; rsyslogd -f /run/r.conf -i /run/r.pid 2>&-; until [ -s /run/r.pid ]; do sleep "
+        "0.01; done; sleep 0.1";
+    const std::string stop =
+        "P=$(cat /run/r.pid) && kill $P && while [ -e /proc/$P ]; do sleep 0.01; done";
+    const std::string path = "/run/written.conf";
+    WriteText("/run/r.conf", "*.* /run/r.log\n");
     EXPECT_TRUE(health.Conditions().empty());
     health.Saw(Engine::DaemonKind::kRsyslog, true);
     becomes(false, "does not run");
-    const std::string path = "/run/written.conf";
-    WriteText("/run/r.conf", "*.* /run/r.log\n");
-    start();
+    Shell(start);
     health.Judged("");
     becomes(false, "has not been told what the policy forwards");
-    Shell("sleep 0.3");
     WriteText(path, "1");
     health.Wrote(path);
     becomes(false, "has not been restarted since /run/written.conf was written");
-    stop();
+    Shell(stop);
     becomes(false, "does not run");
-    start();
+    Shell(start);
     health.Judged("");
     becomes(true, "holds the configuration");
     health.Judged("bad words");
@@ -299,7 +295,7 @@ TEST(ForwardingHealth, IsThatOfTheDaemonUnderWhatWasWrittenLast) {
     becomes(false, "has been changed or removed since the agent wrote it");
     health.Forget();
     EXPECT_TRUE(health.Conditions().empty());
-    stop();
+    Shell(stop);
     TestEngine().StopTask("procs_full_task");
 }
 

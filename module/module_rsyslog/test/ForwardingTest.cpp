@@ -108,12 +108,11 @@ TEST(RsyslogConf, IncludeDirectory) {
     }
 }
 
-TEST(RsyslogConf, ContentToTheByteWithSevenFilesAtMost) {
-    OpenTaskPtr task = NewTask();
+TEST(RsyslogConf, EntriesToTheByteSevenAtMost) {
+    OpenTaskPtr task = TaskFor("", false, {}, {"10.0.0.5", "h2"});
+    task->rsyslog_policy.log_path.push_back({"601", "/var/log/b c", {}});
     const LogCapture log("module_rsyslog");
     std::string out;
-    task->rsyslog_policy.log_path = {{"514", "/var/log/a", {"10.0.0.5", "h2"}},
-                                     {"601", "/var/log/b c", {}}};
     task->GenerateRsyslogConfContent(0, "@@", {1700000000, 123999}, out);
     EXPECT_EQ(
         "input(type=\"imfile\"\n\tFile=\"/var/log/a\"\n\tTag=\"\"\n"
@@ -136,21 +135,20 @@ TEST(RsyslogConf, RewriteByServerType) {
         "\n#### RULES ####\n\n"
         "module(load=\"imfile\" PollingInterval=\"10\") #needs to be done just once\n\ninput(";
     // Without a rule nothing is written.
-    for (const auto& [type, dir, rule, error] :
+    for (const auto& [type, dir, rule, errors] :
          {std::tuple("udp", "/tmp/", "local1.* @s:514\n\n", ""),
           std::tuple("tcp6", "/tmp/", "local1.* @@s:514\n\n", ""),
           std::tuple("UDP", "/tmp/", "", "3 server_type not tcp or udp, UDP"),
           std::tuple("udp", "/no/such/", "",
                      "3 rsyslog write [/no/such/watchpost_rsyslog.conf] failed.")}) {
         SCOPED_TRACE(std::string(type) + dir);
-        OpenTaskPtr task = TaskFor(type, false, {}, {"s"});
-        const LogCapture log("module_rsyslog");
+        const LogCapture log("module_rsyslog", Poco::Message::PRIO_ERROR);
         const bool written = *rule != '\0';
         const std::string file = std::string(dir) + "watchpost_rsyslog.conf";
         WriteText(file, "old");
         fs::remove("/run/service.log");
-        task->RsyslogConfRewrite(dir);
-        EXPECT_EQ(written ? 0 : 1, log.Count(error));
+        TaskFor(type, false, {}, {"s"})->RsyslogConfRewrite(dir);
+        EXPECT_EQ(Split(errors), log.Lines());
         EXPECT_EQ(written ? "rsyslog restart\n" : "", ReadText("/run/service.log"));
         EXPECT_EQ(written, fs::exists(file));
         const std::string content = ReadText(file);

@@ -126,16 +126,6 @@ TEST(Rules, ComeAroundAgainOverAnyNumberOfFiles) {
     }
 }
 
-TEST(Rules, OfDebianLoopCopyOrLeave) {
-    const RsyslogRules rules = RsyslogRules::Read("/etc/rsyslog.conf");
-    const auto returns =
-        FindReturns(rules, Split("/var/log/app.log|/var/log/auth.log|/var/log/syslog"), {});
-    EXPECT_EQ(Return::kNone, returns[0].kind);
-    EXPECT_EQ(Return::kCopied, returns[1].kind);
-    ASSERT_EQ(Return::kLoops, returns[2].kind);
-    EXPECT_EQ("*.*;auth,authpriv.none\t\t-/var/log/syslog", returns[2].rule->place.text);
-}
-
 // One line of local1 and debug, and where the real daemon puts it: @ is a file of its own.
 TEST(Rules, AgreeWithTheRealDaemon) {
     const Strings rules = Split(
