@@ -13,7 +13,6 @@
 #include <set>
 #include <sstream>
 
-#include "module/module_procs/src/ProcsFullTask.h"
 #include "test/support/AgentProcess.h"
 
 namespace {
@@ -335,24 +334,6 @@ TEST(EndToEnd, AStopWaitsForNoCommandNoNameAndOneProbeAtMost) {
         EXPECT_EQ(1, AgentProcess::Logged("UnInit  rsyslog task"));
     }
     setenv("PATH", path.c_str(), 1);
-}
-
-// The process table that modules get is the kernel's, whatever a process calls itself.
-TEST(EndToEnd, ProcessesHaveTheNamesThatTheKernelKnows) {
-    Poco::AutoPtr<Engine::ProcsFullTask> task(new Engine::ProcsFullTask);
-    ASSERT_TRUE(TestSupport::TestEngine().StartTask(task));
-    ASSERT_EQ(0,
-              std::system("cp /bin/sleep '/run/a) longer name' && '/run/a) longer name' 1000 &"));
-    std::map<int, std::shared_ptr<Engine::ProcsMessage::procInfo>> processes;
-    EXPECT_TRUE(Await([&] {
-        task->GetProcsMap(processes);
-        return std::any_of(processes.begin(), processes.end(), [](const auto& process) {
-            return process.second->name == "a) longer name";
-        });
-    }));
-    EXPECT_EQ("end_to_end_test", processes.at(getpid())->name);
-    EXPECT_EQ(getpid(), processes.at(getpid())->pid);
-    TestSupport::TestEngine().StopTask("procs_full_task");
 }
 
 }  // namespace

@@ -19,10 +19,13 @@
 #include <utility>
 
 #include "sdk/FileUtils.h"
+#include "sdk/ReadMark.h"
 #include "sdk/StringUtils.h"
 #include "sdk/test/TempDir.h"
 
 using namespace SDK::FileUtils;
+using SDK::FileStamp;
+using SDK::ReadMark;
 
 namespace {
 
@@ -201,15 +204,12 @@ TEST(FileUtils, AFullDiskLeavesEveryFileWholeAndLinksStayLinks) {
 TEST(FileUtils, AReplacedFileKeepsItsRightsExactlyAndACopyGetsThoseOfItsSource) {
     // Tag, rights and id each of the owner, user 0, the owning group, the mask and all others (on a
     // little-endian machine). With no rights for the group the mode still shows the mask: rw.
-    const auto list = [](uint16_t group) {
-        const struct {
-            uint32_t version;
-            struct {
-                uint16_t tag, rights;
-                uint32_t id;
-            } entries[5];
-        } bytes{2, {{1, 6, ~0U}, {2, 6, 0}, {4, group, ~0U}, {16, 6, ~0U}, {32, 0, ~0U}}};
-        return std::string(reinterpret_cast<const char*>(&bytes), sizeof bytes);
+    const auto entry = [](char tag, char rights, char id = '\xFF') {
+        return std::string{tag, 0, rights, 0} + std::string(4, id);
+    };
+    const auto list = [&](char group) {
+        return std::string{2, 0, 0, 0} + entry(1, 6) + entry(2, 6, 0) + entry(4, group) +
+               entry(16, 6) + entry(32, 0);
     };
     const TempDir dir;
     ASSERT_EQ(dir.Run("touch plain listed && chown 12:34 * && chmod 2644 *"), 0);
@@ -258,34 +258,31 @@ TEST(FileUtils, AShortWriteGoesOnAndADirectoryThatCannotBeFlushedIsAWarning) {
     Poco::Logger& logger = Poco::Logger::get("watchpost");
     logger.setChannel(new Poco::StreamChannel(log));
     write_at_most = 7;
-    EXPECT_EQ(WriteFile(dir / "file", "0123456789abcdefghij", false), 0);
+    EXPECT_EQ(WriteFile(dir / "added", "0123456789abcdefghij", true), 0);
+    EXPECT_EQ(WriteFile(dir / "added", "ABCDEFGHIJKLMNOPQRST", true), 0);
     EXPECT_EQ(log.str(), "");
     directories_fail = true;
     EXPECT_EQ(WriteFile(dir / "file", "abcdefghij0123456789", false), 0);
     directories_fail = false;
-    EXPECT_EQ(WriteFile(dir / "added", "ABCDEFGHIJ", true), 0);
-    EXPECT_EQ(WriteFile(dir / "added", "KLMNOPQRST", true), 0);
     write_at_most = SIZE_MAX;
     logger.setChannel(nullptr);
     EXPECT_EQ(Read(dir / "file"), "abcdefghij0123456789");
-    EXPECT_EQ(Read(dir / "added"), "ABCDEFGHIJKLMNOPQRST");
+    EXPECT_EQ(Read(dir / "added"), "0123456789abcdefghijABCDEFGHIJKLMNOPQRST");
     EXPECT_NE(log.str().find(dir / "file"), std::string::npos) << log.str();
 }
 
 TEST(FileUtils, KilledWritersLeaveOneFileThatTheNextOneRemoves) {
     const TempDir dir;
     const std::string names[] = {"a", std::string(254, 'n') + "1", std::string(254, 'n') + "2"};
-    for (int round = 0; round < 2; ++round) {
-        for (const std::string& name : names) {
-            EXPECT_EXIT(
-                {
-                    killed_at_fsync = true;
-                    WriteFile(dir / name, "half", false);
-                },
-                testing::KilledBySignal(SIGKILL), "");
-        }
-        EXPECT_EQ(EntriesOf(dir), 3);
+    for (int i = 0; i < 6; ++i) {
+        EXPECT_EXIT(
+            {
+                killed_at_fsync = true;
+                WriteFile(dir / names[i % 3], "half", false);
+            },
+            testing::KilledBySignal(SIGKILL), "");
     }
+    EXPECT_EQ(EntriesOf(dir), 3);
     for (const std::string& name : names) {
         EXPECT_EQ(WriteFile(dir / name, "whole", false), 0);
         EXPECT_EQ(Read(dir / name), "whole");
@@ -313,6 +310,32 @@ TEST(FileUtils, WhatLiesReadyInThePlaceOfTheNewFileIsNeverWritten) {
     close(writer);
     EXPECT_EQ(Read(dir / "file"), "new");
     EXPECT_EQ(Read(dir / "precious"), "kept");
+}
+
+TEST(ReadMark, HoldsWhileTheFileIsAsItWasLongAfterItsLastChange) {
+    struct stat status {};
+    status.st_ctim.tv_sec = 5;
+    const FileStamp stamp(status);
+    ReadMark mark;
+    for (const std::int64_t began : {6'999'999'999L, 1'000'000'000L}) {
+        mark.Set(stamp, stamp, began);
+        EXPECT_FALSE(mark.Holds(stamp)) << "just changed, or the clock was set back";
+    }
+    struct stat others[] = {status, status, status, status, status, status};
+    others[0].st_dev = others[1].st_ino = 1;
+    others[2].st_size = 1;
+    others[3].st_mtim.tv_nsec = others[4].st_ctim.tv_nsec = 1;
+    others[5].st_mtim.tv_sec = 1;
+    for (const auto& each : others) {
+        const FileStamp other(each);
+        mark.Set(stamp, other, 9'000'000'000);
+        EXPECT_FALSE(mark.Holds(stamp) || mark.Holds(other)) << "changed while it was read";
+        mark.Set(stamp, stamp, 7'000'000'000);
+        EXPECT_TRUE(mark.Holds(stamp) && !mark.Holds(other));
+        mark.Clear();
+        EXPECT_FALSE(mark.Holds(stamp));
+    }
+    EXPECT_TRUE(FileStamp::Of("/") == FileStamp::Of("/.") && FileStamp::Of("/") != FileStamp());
 }
 
 }  // namespace

@@ -88,9 +88,17 @@ TEST(LoggerUtils, AFullDiskCostsNoOldLineAndIsToldOnceThereIsRoom) {
     std::filesystem::rename(dir / "moved", path);
     log.error("c");
     EXPECT_EQ(Logged(path).back(), "c");
-    // A FIFO there neither holds anybody nor gets a line.
+    // A FIFO there neither holds anybody nor gets a line, nor does a file that has a lease on it.
     ASSERT_EQ(dir.Run("rm watchpost.log && mkfifo watchpost.log"), 0);
     log.error("d");
+    ASSERT_EQ(dir.Run("rm watchpost.log && touch watchpost.log"), 0);
+    signal(SIGIO, SIG_IGN);
+    const int leased = open(path.c_str(), O_RDONLY);
+    ASSERT_EQ(fcntl(leased, F_SETLEASE, F_RDLCK), 0);
+    const Poco::Timestamp start;
+    log.error("e");
+    EXPECT_LT(start.elapsed(), 20'000'000);
+    close(leased);
     Poco::Logger::setChannel("", nullptr);
     EXPECT_EQ(umount2((dir / "").c_str(), MNT_DETACH), 0);
 }
@@ -129,26 +137,21 @@ TEST(LoggerUtils, WarningsAndErrorsReachStandardErrorAndNobodyWaitsForIt) {
         EXPECT_GT(60'000'000, time.elapsed());
     }
     unsetenv("JOURNAL_STREAM");
-    const int full = open("/dev/full", O_WRONLY);
     signal(SIGPIPE, SIG_IGN);
-    const auto fill = [&] {
-        for (const int fd : {pipes[1], ends[0], full}) {
+    for (const bool readable : {true, false}) {  // while nobody reads, and when nobody can
+        for (const int fd : {pipes[1], ends[0], open("/dev/full", O_WRONLY)}) {
             dup2(fd, STDERR_FILENO);
             for (int i = 0; i < 500; ++i) {
                 log.error(std::string(1000, 'x'));
             }
         }
-    };
-    fill();  // while nobody reads
-    close(pipes[0]);
-    close(ends[1]);
-    fill();  // when nobody can
+        close(readable ? pipes[0] : pipes[1]);
+        close(readable ? ends[1] : ends[0]);
+    }
     close(STDERR_FILENO);
     log.error("gone");
     dup2(usual, STDERR_FILENO);
-    for (const int fd : {usual, pipes[1], ends[0], full}) {
-        close(fd);
-    }
+    close(usual);
     EXPECT_EQ("gone", Logged(dir / "watchpost.log").back());
     Poco::Logger::setChannel("", nullptr);
 }
