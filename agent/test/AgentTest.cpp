@@ -175,6 +175,7 @@ TEST(PolicyDirectory, DeliversWhatIsReadableWholeAndChangedAndSettlesEachTime) {
         {"chown 1000 others.json; touch new.txt",
          "- others.json it belongs to user 1000, not to root;"},
         {"chown 0 others.json; chmod 644 others.json; printf 5 >others.json", "others.json 5;"},
+        {"mv others.json ..", "- others.json ;"},
         {"mkdir ../user; chown 1000 ../user; printf 6 >../user/file; ln -s ../user/file link.json",
          "- link.json it stands in " + (folder / "user") +
              ", and it belongs to user 1000, not to root;"},
