@@ -1,5 +1,7 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <string>
@@ -15,9 +17,9 @@ public:
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
 
-    // Runs shell commands in it; their exit status.
-    int Run(const std::string& commands) const {
-        return std::system(("cd " + path_ + " && " + commands).c_str());
+    // Runs shell commands in it, which are to succeed.
+    void Run(const std::string& commands) const {
+        EXPECT_EQ(0, std::system(("cd " + path_ + " && " + commands).c_str())) << commands;
     }
     std::string operator/(const std::string& name) const { return path_ + "/" + name; }
 
