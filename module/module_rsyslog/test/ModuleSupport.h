@@ -32,7 +32,7 @@ public:
         Base::HistoryBackupLog, Base::HistorySetLogPath, Base::HistoryTailLogs,
         Base::HistoryWriteLog, Base::ParseHistoryLog, Base::SyslogGetUserList;
     using Base::BuildLastInfo, Base::GetLocalTimeStr, Base::GetSplittimeStr, Base::LogtimeToInt,
-        Base::ReadLastAllinfo;
+        Base::ParseEveryUtmp, Base::ReadLastAllinfo;
     using Base::CheckSyslogNeedRewrite, Base::CheckSyslogRunning, Base::GenerateRsyslogConfContent,
         Base::GetIncludeConfigPath, Base::OverWriteSyslogngConf, Base::RsyslogConfRewrite,
         Base::OverWriteSyslogngReadAuditConf, Base::SendRsyslogAlarm, Base::SyslogServiceManage;
