@@ -49,6 +49,7 @@ TEST(JudgeStatus, TellsHealthyFromWrongFromNotRunning) {
         {"", "", 30},
         {"", "", -30},
         {"", "the status file, to be written every few seconds, is 31 s old;", 31},
+        {"", "the status file, to be written every few seconds, is -31 s old;", -31},
         {R"(,"conditions":[{"subject":"a","good":true,"text":"b"}])", ""},
         {R"(,"conditions":[{"subject":"a","good":true},{"subject":"b","good":false,"text":"c"}],
             "refused":[{"key":"x.json","why":"odd"},{"key":"y.json","why":"bad"}])",
