@@ -283,7 +283,7 @@ TEST(Delivery, ReplacesInOrderSwitchesOffAndWhatIsRefusedChangesNothing) {
                              bool enforce = true) {
         module->gives = gives;
         module->says = says;
-        const std::string refusal = module->DeliverPolicy("10001", key, key).refusal;
+        std::string refusal = module->DeliverPolicy("10001", key, key).refusal;
         if (enforce) {
             module->EnforcePolicies();
         }

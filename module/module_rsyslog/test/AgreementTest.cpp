@@ -69,7 +69,7 @@ protected:
             sockets_.emplace_back(Poco::Net::SocketAddress(address));
         }
     }
-    ~Agreement() override {
+    void TearDown() override {
         if (Runs()) {
             kill(Pid(), SIGTERM);
             EXPECT_TRUE(Await([this] { return !Runs(); }));

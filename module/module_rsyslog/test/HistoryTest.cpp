@@ -126,7 +126,7 @@ TEST(StartUpFile, ReadAgainOnlyWhenTouched) {
     cycle("HISTSIZE=2", 1000, 1);
     cycle("HISTSIZE=3", 999, 2);
     cycle("HISTSIZE=3", 998, 2);
-    cycle(std::string(10485761, '='), 997, 2);
+    cycle(std::string((10 << 20) + 1, '='), 997, 2);
     cycle("HISTSIZE=4", 997, 3);  // what could not be read is not held against it
     EXPECT_EQ(1, log.Holding(R"("path":"/etc/profile","type":"hist_conf","user":"root")"));
     EXPECT_EQ(6, log.Count("8 file [/home/ann/.bash_profile] no stat."));
@@ -299,7 +299,8 @@ void Parse(OpenTaskPtr& task, const Strings& lines) {
 TEST(Commands, Parsing) {
     const std::string no_stamps =
         "#|#160000000|#0600000000|# 1600000000|1600000000|x1600000000| #1600000000|##1600000000|"
-        "#160000000x|#-1600000000|#16000\0x00000"s;
+        "#160000000x|#-1600000000|#16000"s +
+        std::string(1, 0) + "x00000";
     for (const auto& [lines, queued, recorded] :
          {std::tuple("ls -l|pwd"s, ""s, "ls -l|pwd"s),
           std::tuple("#1700000000|pwd"s, "#1700000000 pwd"s, ""s),

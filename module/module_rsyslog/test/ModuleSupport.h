@@ -87,7 +87,7 @@ inline Strings LinesOf(const std::string& path, std::size_t skipped = 0) {
 inline utmp LoginEntry(int type, const char* line, int time) {
     utmp entry = {};
     entry.ut_type = static_cast<short>(type);
-    std::strcpy(entry.ut_line, line);
+    std::strncpy(entry.ut_line, line, sizeof(entry.ut_line) - 1);
     entry.ut_tv.tv_sec = time;
     return entry;
 }

@@ -231,8 +231,8 @@ utmp RandomEntry(std::mt19937& random) {
     const char* const lines[] = {"pts/0", "pts/1", "tty1"};
     utmp entry = LoginEntry(kinds[any(10)], lines[any(3)], any(9) - 3);
     entry.ut_pid = any(2);
-    std::strcpy(entry.ut_user, any(2) == 0 ? "root" : "al");
-    std::strcpy(entry.ut_host, any(2) == 0 ? "" : "h");
+    std::strncpy(entry.ut_user, any(2) == 0 ? "root" : "al", sizeof(entry.ut_user));
+    std::strncpy(entry.ut_host, any(2) == 0 ? "" : "h", sizeof(entry.ut_host));
     entry.ut_session = any(8) == 0 ? -1 : 0;
     return entry;
 }
