@@ -227,7 +227,8 @@ TEST_F(Forwarding, EveryLongLoopHasItsThrottlePoint) {
     running = {"init", "cron"};
     WriteText("/etc/passwd", "al:x:7:8:Al:/tmp:/bin/sh\nbo:x:7:8:Bo:/run:/bin/sh\n");
     fs::remove(kLoginFile);
-    for (const auto& [type, time] : {std::pair(7, 1), std::pair(8, 2), std::pair(7, 3)}) {
+    for (const auto& [type, time] :
+         {std::pair(7, 1), std::pair(8, 2), std::pair(7, 3), std::pair(6, 4)}) {
         Log(LoginEntry(type, "tty1", time));
     }
     const auto points = [&](int limit, unsigned long tick) {
@@ -250,7 +251,7 @@ TEST_F(Forwarding, EveryLongLoopHasItsThrottlePoint) {
     };
     EXPECT_EQ(Strings(), points(0, 0));
     EXPECT_EQ(Split(".cpp 2|Commands.cpp 3|History.cpp 2|History.cpp 4|"
-                    "Login.cpp 3|Login.cpp 3|Login.cpp 4|Login.cpp 1|Login.cpp 3"),
+                    "Login.cpp 4|Login.cpp 4|Login.cpp 4|Login.cpp 1|Login.cpp 3"),
               points(50, 0));
     EXPECT_EQ(Strings(), points(50, 60000));
 }
