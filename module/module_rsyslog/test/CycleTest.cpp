@@ -113,10 +113,14 @@ TEST_F(Forwarding, WhatAFullPassDoes) {
         task->rsyslog_policy.server = {"10.0.0.1"};
         task->rsyslog_policy.log_path = {{"514", "/var/log/a", {}}};
         RunningReceiver reports;
+        const LogCapture told("watchpost");
         task->Run();
         task->cycle_count = 50;
         task->Run();  // nothing changed: a second full pass does nothing but warn
         EXPECT_EQ(restarts, ReadText("/run/service.log"));
+        EXPECT_EQ(*restarts == '\0' ? 0 : 1,
+                  told.Count(std::string("6 ") + (daemon == "syslog-ng"s ? daemon : "rsyslog") +
+                             " is to forward /var/log/a to 10.0.0.1:514 over udp"));
         EXPECT_EQ(expected, reports.Finish());
     }
     EXPECT_NE("", ReadText("/etc/rsyslog.d/watchpost_rsyslog.conf"));
@@ -263,7 +267,7 @@ TEST(ForwardingHealth, IsThatOfTheDaemonUnderWhatWasWrittenLast) {
     const auto becomes = [&](bool good, const std::string& piece) {
         const auto conditions = health.Conditions();
         ASSERT_EQ(1U, conditions.size());
-        EXPECT_EQ(good, conditions.front().good);
+        EXPECT_EQ(good, conditions.front().good && health.Forwards());
         EXPECT_NE(std::string::npos, conditions.front().text.find(piece))
             << conditions.front().text;
     };

@@ -1,7 +1,9 @@
 // Shell history: users, start-up files, tailing, parsing, pacing, reports; and users who mean harm.
 
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <future>
 #include <random>
 #include <set>
@@ -412,17 +414,23 @@ TEST(Pacing, AgreesWithEveryPairCompared) {
 }
 
 TEST(Hostile, FilesOfAnyKind) {
+    std::signal(SIGIO, SIG_IGN);  // of a broken lease
     for (const std::string& kind : Strings{
              "mkfifo $F", "mkdir $F", "mknod $F c 1 5", "ln -s /dev/zero $F", "ln -s /dev/ptmx $F",
              "ln -s /nowhere $F", "ln -s $F $F", "ln -s /proc/self/mem $F", "truncate -s 10T $F",
-             "echo HISTFILE= >/root/a; ln -s /root/a $F; chown -h 1000 $F"}) {
+             "echo HISTFILE= >/root/a; ln -s /root/a $F; chown -h 1000 $F",
+             ": >$F; echo leased"}) {  // others wait at their open, for 45 seconds
         SCOPED_TRACE(kind);
         OpenTaskPtr task = NewHistoryTask({"eve", "ann"});
         WriteText("/home/eve/.bash_history", "old\n");
         WriteText(kHistory, "old\n");
         Cycle(task);
         for (const char* name : {".bash_history", ".bashrc", ".bash_profile"}) {
-            Shell("F=/home/eve/" + (name + ("; rm -f $F; " + kind)));
+            const std::string path = std::string("/home/eve/") + name;
+            Shell("F=" + path + "; rm -f $F; " + kind);
+            if (kind == ": >$F; echo leased") {
+                fcntl(open(path.c_str(), O_WRONLY), F_SETLEASE, F_WRLCK);
+            }
         }
         WriteText(kHistory, "old\nnew\n");
         Cycle(task);
