@@ -7,6 +7,8 @@
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
+#include <mutex>
+#include <optional>
 #include <regex>
 #include <set>
 
@@ -150,8 +152,9 @@ TEST(PolicyDirectory, DeliversWhatIsReadableWholeAndChangedAndSettlesEachTime) {
     std::string settled;
     std::atomic<int> scans{0};
     const std::string path = folder / "policy";
-    const PolicyDirectory watcher(
-        path, [&](const auto& name, const auto& content) { told += name + " " + content + ";"; },
+    std::optional<PolicyDirectory> watcher(
+        std::in_place, path,
+        [&](const auto& name, const auto& content) { told += name + " " + content + ";"; },
         [&] {
             const std::lock_guard<std::mutex> lock(mutex);
             settled = told;
@@ -205,6 +208,10 @@ TEST(PolicyDirectory, DeliversWhatIsReadableWholeAndChangedAndSettlesEachTime) {
     EXPECT_EQ(1, log.Holding("6 policy directory " + path + " is read again"));
     scan("chmod 777 policy; touch policy/four.txt");
     EXPECT_EQ(1, log.Holding(path + " cannot be read: others than its owner may write it"));
+    const auto end = std::chrono::steady_clock::now();
+    watcher.reset();
+    EXPECT_GT(std::chrono::seconds(3), std::chrono::steady_clock::now() - end)
+        << "no wait for a scan";
 }
 
 // The process table that modules get is the kernel's, whatever a process calls itself.
@@ -259,6 +266,7 @@ TEST(Program, ABadStartIsOneLineAndAStatusAndADaemonStopsInOrder) {
         {"stray", 64, "unknown command stray"},
         {"status stray", 64, "stray; see watchpost status --help"},
         {"status --daemon", 64, "daemon"},
+        {"check /run/others", 69, "no module takes policies"},
         {"status --config=/none", 78, "/none"},
         {"--log-level='loud\ner'", 64, "--log-level must be error, warning, notice"},
         {"--config=/none", 78, "/none"},

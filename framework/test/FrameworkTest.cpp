@@ -191,6 +191,7 @@ TEST(Task, RunsOnceAPeriodWithoutCatchingUpWhateverMessagesAndFaultsCome) {
             if (++runs == 1) {
                 EXPECT_TRUE(task->GetStatus().running);
                 std::this_thread::sleep_for(std::chrono::milliseconds(2100));
+                EXPECT_LE(std::chrono::milliseconds(2100), task->GetStatus().lasted);
                 long_cycle_end = Clock::now();
             }
             task->Send(nobody, "lost");

@@ -5,6 +5,8 @@
 #include <Poco/StringTokenizer.h>
 
 #include <filesystem>
+#include <mutex>
+#include <set>
 
 #include "framework/Engine.h"
 #include "framework/Log.h"
@@ -19,14 +21,32 @@ constexpr std::int64_t kPingMs = 20000;
 constexpr int kPings = 2;
 constexpr std::int64_t kWriteMs = 5000;
 
-// What a server does not allow it tells on its own, beside the answer that does not come.
-void LogRefusal(natsConnection* connection, natsSubscription* /*subscription*/, natsStatus status,
-                void* /*closure*/) {
-    const char* text = nullptr;
-    if (status == NATS_NOT_PERMITTED && natsConnection_GetLastError(connection, &text) == status) {
-        Framework::Log().error(std::string("fleet: the servers refuse: ") + text);
+// What a server does not allow it tells on its own, beside the answer that does not come. Once each
+// is enough: whatever is refused is tried again and again.
+class Refusals {
+public:
+    static void Forget() {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        texts_.clear();
     }
-}
+    static void Log(natsConnection* connection, natsSubscription* /*subscription*/,
+                    natsStatus status, void* /*closure*/) {
+        const char* text = nullptr;
+        if (status != NATS_NOT_PERMITTED ||
+            natsConnection_GetLastError(connection, &text) != status) {
+            return;
+        }
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (texts_.size() < kMost && texts_.insert(text).second) {
+            Framework::Log().error(std::string("fleet: the servers refuse: ") + text);
+        }
+    }
+
+private:
+    static constexpr std::size_t kMost = 100;
+    static inline std::mutex mutex_;
+    static inline std::set<std::string> texts_;  // since the connection was made
+};
 
 std::vector<std::string> List(const std::string& text) {
     const Poco::StringTokenizer words(
@@ -114,7 +134,7 @@ Nats::Connection Connect(const Settings& settings) {
     check(natsOptions_SetMaxPingsOut(made, kPings), "options");
     check(natsOptions_SetWriteDeadline(made, kWriteMs), "options");
     check(natsOptions_SetFailRequestsOnDisconnect(made, true), "options");
-    check(natsOptions_SetErrorHandler(made, LogRefusal, nullptr), "options");
+    check(natsOptions_SetErrorHandler(made, Refusals::Log, nullptr), "options");
     // An account can so be kept from reading what others are answered.
     check(natsOptions_SetCustomInboxPrefix(made, (kInboxes + Escape(settings.name)).c_str()),
           "options");
@@ -132,6 +152,7 @@ Nats::Connection Connect(const Settings& settings) {
         check(natsOptions_SetUserCredentialsFromFiles(made, settings.credentials.c_str(), nullptr),
               "fleet.credentials " + settings.credentials);
     }
+    Refusals::Forget();
     natsConnection* connection = nullptr;
     check(natsConnection_Connect(&connection, made), "no connection");
     return Nats::Connection(connection);
