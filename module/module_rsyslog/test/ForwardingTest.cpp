@@ -78,6 +78,7 @@ TEST(Balancing, PicksByTheFirstAddressOfTheHost) {
         EXPECT_FALSE(task->CheckSyslogNeedRewrite());
         EXPECT_EQ(Strings{chosen}, task->rsyslog_policy.log_path.front().servers);
         EXPECT_EQ(1, log.Count(logged));
+        EXPECT_EQ(1, log.Count("8 add new server 10.0.0.2:514 reachable"));
         Shell(std::string("ip addr del ") + address + "/32 dev lo");
     }
 }
