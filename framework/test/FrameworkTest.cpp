@@ -126,6 +126,12 @@ TEST(MessageQueue, IsBoundedInMessagesAndInBytesAndWakesWhoWaits) {
         EXPECT_EQ(Result::kClosed, push(queue, 0, 0));
     }
     EXPECT_LT(Clock::now() - start, std::chrono::seconds(50));
+    MessageQueue queue(1);
+    auto receiver =
+        std::async(std::launch::async, [&] { return queue.Pop(start + std::chrono::hours(1)); });
+    EXPECT_TRUE(waits(receiver));
+    queue.Close();
+    EXPECT_EQ(nullptr, receiver.get());
 }
 
 TEST(Task, AFullQueueHoldsASenderBackUntilItIsStoppedAndLosesNothing) {
