@@ -168,6 +168,8 @@ TEST_P(Agreement, WhatIsSaidHappens) {
             EXPECT_TRUE(verdict.asked) << verdict.words;
             rejected |= !verdict.accepted;
         }
+        const std::string off = R"({"enable":false,)" + text.substr(1);
+        EXPECT_TRUE(module->PreviewPolicy("10001", off).files.empty());
         Apply(text);
         const bool well = IsWell("own " + number + "!");
         const bool control_arrives = Arrives("control " + number + "!", 800);
