@@ -16,6 +16,7 @@ namespace Fleet {
 namespace {
 
 constexpr std::size_t kMaxPolicy = 1 << 20;    // bytes, as the policy directory has it
+constexpr int kNewsBytes = 16 << 10;           // it is headers only
 constexpr char kOperation[] = "KV-Operation";  // of a value that was removed
 // The replica that answers may lag a little, and news may get lost.
 constexpr auto kSecondReading = std::chrono::seconds(1);
@@ -76,6 +77,8 @@ void PolicyFollower::Connect(natsConnection* connection) {
         source.exists = false;
         if (connection != nullptr) {
             source.news = Nats::Subscribe(connection, kPolicyChanges + source.key);
+            // One that waits says it all.
+            natsSubscription_SetPendingLimits(source.news.get(), 1, kNewsBytes);
         }
     }
     if (connection != nullptr) {
@@ -120,12 +123,17 @@ bool PolicyFollower::Work() {
 bool PolicyFollower::TakeNews() {
     bool any = false;
     for (Source& source : sources_) {
-        bool news = false;
-        while (Nats::Next(source.news.get(), 0) != nullptr) {
-            news = true;
+        natsMsg* message = nullptr;
+        const natsStatus status = natsSubscription_NextMsg(&message, source.news.get(), 0);
+        natsMsg_Destroy(message);
+        if (status == NATS_TIMEOUT) {
+            continue;
+        }
+        if (status != NATS_SLOW_CONSUMER) {  // more came than waits
+            Nats::Check(status, "news of policies");
         }
         // Not before all have been read once.
-        if (news && due_ != Clock::time_point()) {
+        if (due_ != Clock::time_point()) {
             Read(source);
             due_ = Clock::now() + kSecondReading;
             wait_ = kThirdReading;

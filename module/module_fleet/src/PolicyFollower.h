@@ -53,7 +53,7 @@ private:
     };
 
     // Reads what there is news of. The news itself is not believed: any host can have the servers
-    // deliver what it likes on the subject of another's.
+    // deliver what it likes on the subject of another's, and as much of it.
     bool TakeNews();
     void Read(Source& source);
     void Decide();
