@@ -80,15 +80,33 @@ private:
     std::vector<Clock::time_point> times_;
 };
 
+// The accounts of the shipped configuration, in /tmp, with passwords: the machine has enough to do
+// without TLS.
+void MakeAccounts(int hosts) {
+    std::ofstream list("/tmp/hosts.list");
+    for (int i = 0; i < hosts; ++i) {
+        list << "host" << i << '\n';
+    }
+    list.close();
+    const std::string packaging = FLEET_PACKAGING;
+    Must(std::system(
+             (packaging + "/users </tmp/hosts.list >/tmp/users.conf && sed -n '/^accounts/,$p' " +
+              packaging +
+              "/fleet.conf >/tmp/accounts.conf && "
+              "sed -i 's/user: \"[^\"]*\"/&, password: x/' /tmp/users.conf /tmp/accounts.conf")
+                 .c_str()) == 0,
+         "no accounts");
+}
+
 class Hosts {
 public:
-    Hosts(int count, const std::vector<std::string>& servers) {
+    explicit Hosts(int count) {
         for (int i = 0; i < count; ++i) {
             const std::string home = "/tmp/hosts/" + std::to_string(i);
             fs::create_directories(home);
             Fleet::Settings settings;
-            settings.servers = servers;
             settings.name = "host" + std::to_string(i);
+            settings.servers = NatsCluster::Servers(settings.name);
             members_.push_back(std::make_unique<Fleet::FleetMember>(
                 settings, Fleet::FleetMember::Files{home + "/r", home + "/c", home + "/p"}));
         }
@@ -235,13 +253,14 @@ void Run(int count) {
     auto& engine = TestSupport::TestEngine();
     Framework::Log().setChannel(connections);
     Framework::Log().setLevel(Poco::Message::PRIO_INFORMATION);
-    NatsCluster cluster;
+    MakeAccounts(count);
+    NatsCluster cluster("include \"../accounts.conf\"\n", "fleet-admin");
     Must(cluster.IsReady(), "no cluster");
     engine.LoadModules(BENCH_MODULES);
     std::cout << std::fixed << std::setprecision(1);
 
     auto start = Clock::now();
-    Hosts hosts(count, cluster.Access().servers);
+    Hosts hosts(count);
     const auto connected = [&](std::size_t wanted) {
         return Await([&] { return connections->Count() >= wanted; }, kPatience);
     };

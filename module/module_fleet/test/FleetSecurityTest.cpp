@@ -75,7 +75,7 @@ TEST(Security, AHostReachesItsOwnAndNothingOfAnothers) {
     }
     const std::string packaging = FLEET_PACKAGING;
     Shell("cd /etc/nats && printf 'a.b web\\nother # of none' | " + packaging +
-          "/users fleet-admin >users.conf");
+          "/users >users.conf");
     // On this machine, and beside them one that vouches for itself with what a host has.
     Shell(
         "cd /etc/nats && for n in 1 2 3 4; do sed -e s/s1$/s$n/ -e s/:4222/:422$n/ "
@@ -192,6 +192,23 @@ TEST(Security, AHostReachesItsOwnAndNothingOfAnothers) {
         const Fleet::Nats::Msg message(answer);
         EXPECT_EQ(request.answered, status == NATS_OK) << request.subject;
     }
+    // The answer to what it may ask, sent to where others' things lie: its own report, for
+    // instance.
+    EXPECT_EQ(NATS_OK, put(context, "watchpost.report.other.x", kEvil));
+    for (const std::string& target :
+         {subject, Fleet::SubjectOfHost("a.b"), Fleet::SubjectOfPolicy("all")}) {
+        for (const char* const asked :
+             {"$JS.API.DIRECT.GET.watchpost_reports.watchpost.report.other.x",
+              "watchpost.report.other.x"}) {
+            EXPECT_EQ(NATS_OK, natsConnection_PublishRequestString(other.get(), asked,
+                                                                   target.c_str(), kEvil.c_str()));
+        }
+    }
+    EXPECT_EQ(NATS_OK, put(context, "watchpost.report.other.x", "own"));
+    EXPECT_EQ(report, last(Fleet::kReportStream, subject));
+    EXPECT_EQ(state, last(Fleet::kHostStream, Fleet::SubjectOfHost("a.b")));
+    EXPECT_EQ(kPolicy, last(Fleet::kPolicyStream, Fleet::SubjectOfPolicy("all")));
+
     // Its own reports, delivered to where others' things lie: a bucket takes nothing of the kind,
     // and a host that hears so of a policy looks for itself.
     Configure("a.b", "ca");
@@ -228,7 +245,12 @@ TEST(Security, AHostReachesItsOwnAndNothingOfAnothers) {
             got = Fleet::Nats::Data(message.get());
         }
     }
-    std::this_thread::sleep_for(std::chrono::seconds(2));
+    // However much it hears.
+    for (int i = 0; i < 1000; ++i) {
+        natsConnection_PublishString(admin.get(), "watchpost.policy.host.a=2Eb", kEvil.c_str());
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    EXPECT_NE(std::string::npos, told().find("connected, as a.b"));
     EXPECT_NE(kEvil, told());
     EXPECT_EQ(kPolicy, last(Fleet::kPolicyStream, Fleet::SubjectOfPolicy("all")));
     EXPECT_EQ(kPolicy, last(Fleet::kPolicyStream, Fleet::SubjectOfPolicy("host.a=2Eb")));
@@ -240,6 +262,18 @@ TEST(Security, AHostReachesItsOwnAndNothingOfAnothers) {
         Fleet::Nats::Subscribe(other.get(), "watchpost.policy.host.a=2Eb");
     EXPECT_EQ(NATS_OK, put(made, Fleet::SubjectOfPolicy("host.a=2Eb"), kPolicy));
     EXPECT_EQ(nullptr, Fleet::Nats::Next(news.get(), 500));
+
+    // A further host, and the servers go on.
+    MakeCertificate("ca", "late", "late");
+    Shell("cd /etc/nats && printf 'a.b web\\nother\\nlate' | " + packaging +
+          "/users >users.conf && for i in 1 2; do kill -HUP $(cat pids); sleep 1; done");
+    const Fleet::Nats::Connection late = Fleet::Connect(As("late", "late"));
+    natsConnection_JetStream(&context, late.get(), nullptr);
+    const Fleet::Nats::JetStream owned_late(context);
+    EXPECT_EQ(NATS_OK, put(context, "watchpost.report.late.x", "own"));
+    EXPECT_NE(NATS_OK, put(context, "watchpost.report.other.x", "evil", 300));
+    EXPECT_EQ(NATS_OK, put(owned.get(), "watchpost.report.other.x", "own"));
+
     for (const char* server : {"1", "2", "3"}) {
         const std::string log = ReadText("/etc/nats/" + std::string(server) + ".log");
         EXPECT_NE(std::string::npos, log.find("TLS route handshake error")) << log;

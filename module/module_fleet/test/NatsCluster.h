@@ -8,6 +8,8 @@
 #include <filesystem>
 #include <map>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "module/module_fleet/src/Cluster.h"
 #include "module/module_fleet/src/FleetNames.h"
@@ -20,14 +22,15 @@ class NatsCluster {
 public:
     static constexpr int kServers = 3;
 
-    NatsCluster() {
+    // For `user` with the password "x" when there are accounts, lines for the servers'
+    // configuration.
+    explicit NatsCluster(std::string accounts = "", const std::string& user = "")
+        : accounts_(std::move(accounts)) {
         for (int i = 0; i < kServers; ++i) {
             Start(i);
         }
-        settings_.name = "test";
-        for (int i = 0; i < kServers; ++i) {
-            settings_.servers.push_back("nats://127.0.0.1:" + std::to_string(4221 + i));
-        }
+        settings_.name = user.empty() ? "test" : user;
+        settings_.servers = Servers(user);
         ready_ = Eventually([](natsConnection* connection) { Fleet::InitFleet(connection, 3); });
     }
     ~NatsCluster() {
@@ -39,6 +42,14 @@ public:
 
     bool IsReady() const { return ready_; }
     const Fleet::Settings& Access() const { return settings_; }
+    static std::vector<std::string> Servers(const std::string& user = "") {
+        std::vector<std::string> servers;
+        for (int i = 0; i < kServers; ++i) {
+            servers.push_back("nats://" + (user.empty() ? "" : user + ":x@") +
+                              "127.0.0.1:" + std::to_string(4221 + i));
+        }
+        return servers;
+    }
     std::string Urls() const {
         return settings_.servers[0] + "," + settings_.servers[1] + "," + settings_.servers[2];
     }
@@ -53,7 +64,8 @@ public:
                                       "cluster { name: c, listen: \"127.0.0.1:622" +
                                       number +
                                       "\", routes: [\"nats://127.0.0.1:6221\", "
-                                      "\"nats://127.0.0.1:6222\", \"nats://127.0.0.1:6223\"] }\n");
+                                      "\"nats://127.0.0.1:6222\", \"nats://127.0.0.1:6223\"] }\n" +
+                                      accounts_);
         pids_[i] = fork();
         if (pids_[i] == 0) {
             execlp("nats-server", "nats-server", "-c", (home + ".conf").c_str(), "-l",
@@ -143,6 +155,7 @@ public:
     }
 
 private:
+    const std::string accounts_;
     Fleet::Settings settings_;
     std::array<pid_t, kServers> pids_{};
     Fleet::Nats::Connection connection_;
