@@ -344,7 +344,9 @@ TEST(Program, ABadStartIsOneLineAndAStatusAndADaemonStopsInOrder) {
     // What the tasks send while they end is in the file as well.
     EXPECT_EQ(6U, Contents(report + ".1").size() + Contents(report).size());
     EXPECT_EQ("end", Contents(report).back());
-    EXPECT_NE(std::string::npos, ReadText("/tmp/watchpost.log").find("watchpost has stopped"));
+    const std::string log = ReadText("/tmp/watchpost.log");
+    EXPECT_NE(std::string::npos, log.find("watchpost has stopped"));
+    EXPECT_EQ(std::string::npos, log.find("[Debug]"));
 }
 
 }  // namespace

@@ -138,6 +138,7 @@ TEST(Command, DoesWhatItSaysAndTellsWhyNot) {
         {"reports --since=1899-01-01T00:00:00Z --type=x1 | wc -l", 0, "1\n"},
         {"reports --since=2020-01-01T00:00:00+01:00 --host=a.b --type=x0 | wc -l", 0, "1\n"},
         {"reports --host=other | wc -c", 0, "0\n"},
+        {"--help", 0, "Commands and what they take:"},
         {"reports --since=2026-11-22", 64, "--since is a time as"},
         {"reports --since=2026-13-22T00:00:00Z", 64, "--since is a time as"},
     };
@@ -160,6 +161,12 @@ TEST(Command, DoesWhatItSaysAndTellsWhyNot) {
                        evil.data(), static_cast<int>(evil.size()), nullptr, nullptr),
             "");
     }));
+    ASSERT_TRUE(cluster.Eventually([&](natsConnection*) {
+        Fleet::Nats::Check(js_Publish(nullptr, cluster.Stream(), "watchpost.report.evil.y", "[\33]",
+                                      3, nullptr, nullptr),
+                           "");
+    }));
+    Expect(0, "[\\x1B]\n", "reports --type=y");
     Expect(1, "\ne\\nvil                  wrong    \\x1B[31m\\nx ", "hosts");
     Expect(1, R"("state":"wrong","why":"tells what no agent does"})", "hosts --json");
     Expect(0, "", "forget \"$(printf \"e\\nvil\")\"");

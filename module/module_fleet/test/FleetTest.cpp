@@ -274,19 +274,20 @@ TEST(Fleet, TheMostSpecificGoodPolicyIsInForceAndTheClusterIsTold) {
     ASSERT_TRUE(cluster.IsReady());
     const std::string file = AgentProcess::Path("policy/fleet.json");
     Host host("fleet.servers = " + cluster.Urls() + "\nfleet.name = a.b\nfleet.groups = web, db\n");
-    const auto told = [&] {
+    const auto last = [&](const char* stream, const std::string& subject) {
         Json::Value value;
         cluster.Eventually([&](natsConnection*) {
             natsMsg* found = nullptr;
-            Fleet::Nats::Check(js_GetLastMsg(&found, cluster.Stream(), Fleet::kHostStream,
-                                             Fleet::SubjectOfHost("a.b").c_str(), nullptr, nullptr),
-                               "");
+            Fleet::Nats::Check(
+                js_GetLastMsg(&found, cluster.Stream(), stream, subject.c_str(), nullptr, nullptr),
+                "");
             const Fleet::Nats::Msg message(found);
             const std::string text = Fleet::Nats::Data(found);
             SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), value);
         });
         return value;
     };
+    const auto told = [&] { return last(Fleet::kHostStream, Fleet::SubjectOfHost("a.b")); };
     const std::string bad = Policy("bad", "10.0.0.1\\n*.* @evil");
     const struct {
         const char* key;
@@ -343,6 +344,29 @@ TEST(Fleet, TheMostSpecificGoodPolicyIsInForceAndTheClusterIsTold) {
                       value["policy"]["refused"]["findings"][0]["key"].asString());
         }
     }
+    // What is refused on the host itself, a report that is larger than the servers take, and a
+    // checkpoint that cannot be written.
+    WriteText(AgentProcess::Path("policy/bad.json"), "{");
+    EXPECT_TRUE(Await([&] { return told()["refused"][0]["key"] == "bad.json"; }));
+    constexpr unsigned kLarge = 2'000'000;
+    Append(AgentProcess::Path("log/watchpost_report.jsonl"), R"({"type":"large","content":")" +
+                                                                 std::string(kLarge, 'a') +
+                                                                 R"(","id":"a.b-1"})"
+                                                                 "\n");
+    Json::Value content;
+    EXPECT_TRUE(Await([&] {
+        content = last(Fleet::kReportStream, "watchpost.report.a=2Eb.large")["content"];
+        return content.isObject();
+    }));
+    EXPECT_EQ(kLarge + 2, content["length"].asUInt());
+    EXPECT_EQ(0U, content["begin"].asString().find("\"aaa"));
+    EXPECT_EQ(0, host.Stop());
+    const std::string checkpoint = AgentProcess::Path("log/watchpost_fleet.json");
+    EXPECT_NE(std::string::npos, ReadText(checkpoint).find(R"("files":[{)"));
+    fs::remove(checkpoint);
+    fs::create_directory(checkpoint);
+    host.Start();
+    EXPECT_TRUE(AgentProcess::AwaitLog("I/O error: checkpoint " + checkpoint));
     EXPECT_EQ(0, host.Stop());
 }
 

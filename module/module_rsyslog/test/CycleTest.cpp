@@ -98,6 +98,10 @@ TEST_F(Forwarding, FirstDaemonByProcessIdDecides) {
 
 TEST_F(Forwarding, WhatAFullPassDoes) {
     const std::string include = "$IncludeConfig /etc/rsyslog.d/*.conf\n";
+    const auto restarted = [] {
+        return Engine::WorkRecord::Instance().Get().events.at(Engine::kDaemonRestart);
+    };
+    const std::uint64_t before = restarted();
     for (const auto& [daemon, conf, restarts, expected] :
          {std::tuple("init", include, "", Reports{kNoDaemon, kNoDaemon}),
           std::tuple("rsyslogd", include, "rsyslog restart\n", Reports()),
@@ -124,6 +128,7 @@ TEST_F(Forwarding, WhatAFullPassDoes) {
         EXPECT_EQ(expected, reports.Finish());
     }
     EXPECT_NE("", ReadText("/etc/rsyslog.d/watchpost_rsyslog.conf"));
+    EXPECT_EQ(before + 2, restarted());
 }
 
 TEST_F(Forwarding, AlarmsOnceForACodeAndHistoryAlarmsOnceInFourHours) {

@@ -116,7 +116,9 @@ TEST(Intake, EveryKeyHasItsValue) {
 TEST(Intake, StandaloneTaskPolicy) {
     Engine::RsyslogTaskPolicy policy("t");
     EXPECT_TRUE(policy.Parse("not json"));
+    const LogCapture log("module_rsyslog");
     EXPECT_FALSE(policy.Parse(R"({"task_condition":5})"));
+    EXPECT_EQ(Strings{"3 has no task_condition item"}, log.Lines());
     EXPECT_FALSE(policy.Parse(R"({"task_condition":{"kind":10,"value":0}})"));
     EXPECT_TRUE(policy.Parse(R"({"task_condition":{"kind":10,"value":30}})"));
     EXPECT_EQ(30, policy.Condition().value);

@@ -32,6 +32,7 @@ std::string Summary(const RsyslogRules& rules) {
 TEST(Rules, AreReadAsTheDaemonDoes) {
     const std::pair<std::string, std::string> cases[] = {
         {"", ""},
+        {"& stop\n*.* /c\n", "/c yes@2"},
         {"# *.* /a\n*.*\t-/b;template\n\nlocal0.* /c\n", "/b yes@2 /c no@4"},
         {"local1.* /a\n& /b\n& stop\n*.* /c\n", "/a yes@1 /b yes@2 /c no@4"},
         {"local1.* ~\n*.* /c\n", "/c no@2"},
