@@ -4,7 +4,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <csignal>
+
+#include "module/module_rsyslog/src/RsyslogWait.h"
 #include "module/module_rsyslog/test/ModuleSupport.h"
+#include "sdk/Paths.h"
 
 namespace {
 
@@ -253,6 +257,56 @@ TEST(Syslogng, FailuresKeepTheText) {
               "; umount -q /etc/syslog-ng /etc/apparmor.d; true");
     }
     EXPECT_EQ("", ReadText("/run/service.log") + ReadText("/run/rcapparmor.log"));
+}
+
+// A stop that comes after half a second.
+std::function<bool()> Soon() {
+    return [end = std::chrono::steady_clock::now() + std::chrono::milliseconds(500)] {
+        return std::chrono::steady_clock::now() >= end;
+    };
+}
+
+TEST(Wait, CommandsEndAtAStopOrGoOnAlone) {
+    using Engine::Outcome;
+    using Engine::RunCommand;
+    const auto never = [] { return false; };
+    int status = 0;
+    std::string output;
+    EXPECT_EQ(Outcome::kDone, RunCommand("exit 3", never, status));
+    EXPECT_EQ(3, status);
+    EXPECT_EQ(Outcome::kDone, RunCommand("kill -9 $$", never, status));
+    EXPECT_EQ(-1, status);
+    setenv("NOTIFY_SOCKET", "/run/notify", 1);
+    EXPECT_EQ(Outcome::kDone,
+              RunCommand("cat; echo $NOTIFY_SOCKET out; echo err >&2", never, status, output));
+    unsetenv("NOTIFY_SOCKET");
+    EXPECT_EQ("out\nerr\n", output);
+    EXPECT_EQ(Outcome::kDone, RunCommand("yes", never, status, output));
+    EXPECT_EQ(16384U, output.size());
+
+    // What it asks of a daemon is ended, with all that it has started, whatever that does.
+    const std::string stubborn = "trap '' TERM; sh -c 'echo $$ >/run/p; sleep 100; sleep 100'";
+    EXPECT_EQ(Outcome::kStopped, RunCommand(stubborn, Soon(), status, output));
+    EXPECT_TRUE(Await([] { return kill(std::stoi(ReadText("/run/p")), 0) != 0; }));
+    // A restart goes on, and the next command waits for its end.
+    EXPECT_EQ(Outcome::kStopped, RunCommand("sleep 2; echo a >>/run/order", Soon(), status));
+    EXPECT_EQ(Outcome::kStopped, RunCommand("echo b >>/run/order", Soon(), status));
+    EXPECT_EQ(Outcome::kDone, RunCommand("echo c >>/run/order", never, status));
+    EXPECT_EQ("a\nc\n", ReadText("/run/order"));
+    // Three restarts in ten seconds are enough, for the next agent too.
+    fs::create_directories(fs::path(SDK::Paths::kRestarts).parent_path());
+    for (int i = 0; i < 4; ++i) {
+        Engine::NoteRestart();
+    }
+    EXPECT_FALSE(Engine::AwaitRestartTurn(Soon()));
+    EXPECT_EQ(3U, Split(ReadText(SDK::Paths::kRestarts), '\n').size());
+
+    in_addr address = {};
+    EXPECT_EQ(Outcome::kDone, Engine::LookUpHost("localhost", address, never));
+    EXPECT_EQ(htonl(INADDR_LOOPBACK), address.s_addr);
+    EXPECT_EQ(Outcome::kFailed, Engine::LookUpHost("no.such.invalid", address, never));
+    EXPECT_EQ(Outcome::kDone, Engine::LookUpHost("localhost", never));
+    EXPECT_EQ(Outcome::kFailed, Engine::LookUpHost("no.such.invalid", never));
 }
 
 }  // namespace
