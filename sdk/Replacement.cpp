@@ -148,7 +148,10 @@ int Replacement::RemoveLeftover() {
         return error == ENOENT ? 0 : error;
     }
     struct stat status {};
-    if (fstat(handle.Get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    if (fstat(handle.Get(), &status) != 0) {
+        return errno;
+    }
+    if (!S_ISREG(status.st_mode)) {
         return EEXIST;
     }
     Descriptor file;

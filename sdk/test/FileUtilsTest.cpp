@@ -34,18 +34,51 @@ std::atomic<size_t> write_at_most{SIZE_MAX};
 std::atomic<bool> directories_fail{false};
 std::atomic<bool> killed_at_fsync{false};
 std::function<void()> before_lock;  // happens once
+int fail_at = 0;                    // which one fails, counted down; 0: none
+std::string failed;                 // its name
+
+bool Fails(const char* name) {
+    if (fail_at == 0 || --fail_at > 0) {
+        return false;
+    }
+    failed = name;
+    errno = EIO;
+    return true;
+}
 
 }  // namespace
 
-extern "C" ssize_t write(int fd, const void* data, size_t size) {
-    return syscall(SYS_write, fd, data, std::min(size, write_at_most.load()));
-}
+#define SYSTEM_CALL(type, name, parameters, ...)                   \
+    extern "C" type name parameters {                              \
+        return Fails(#name) ? -1 : static_cast<type>(__VA_ARGS__); \
+    }
+
+SYSTEM_CALL(ssize_t, write, (int fd, const void* data, size_t size),
+            syscall(SYS_write, fd, data, std::min(size, write_at_most.load())))
+SYSTEM_CALL(ssize_t, pread, (int fd, void* data, size_t size, off_t offset),
+            syscall(SYS_pread64, fd, data, size, offset))
+SYSTEM_CALL(int, fstat, (int fd, struct stat* status), syscall(SYS_fstat, fd, status))
+SYSTEM_CALL(int, fchown, (int fd, uid_t user, gid_t group), syscall(SYS_fchown, fd, user, group))
+SYSTEM_CALL(int, fchmod, (int fd, mode_t mode), syscall(SYS_fchmod, fd, mode))
+SYSTEM_CALL(int, ftruncate, (int fd, off_t size), syscall(SYS_ftruncate, fd, size))
+SYSTEM_CALL(int, renameat, (int from_dir, const char* from, int to_dir, const char* to),
+            syscall(SYS_renameat2, from_dir, from, to_dir, to, 0))
+SYSTEM_CALL(int, unlinkat, (int dir, const char* name, int flags),
+            syscall(SYS_unlinkat, dir, name, flags))
+SYSTEM_CALL(ssize_t, readlinkat, (int dir, const char* name, char* target, size_t size),
+            syscall(SYS_readlinkat, dir, name, target, size))
+SYSTEM_CALL(ssize_t, listxattr, (const char* path, char* names, size_t size),
+            syscall(SYS_listxattr, path, names, size))
+SYSTEM_CALL(ssize_t, getxattr, (const char* path, const char* name, void* value, size_t size),
+            syscall(SYS_getxattr, path, name, value, size))
+SYSTEM_CALL(int, fsetxattr, (int fd, const char* name, const void* value, size_t size, int flags),
+            syscall(SYS_fsetxattr, fd, name, value, size, flags))
 
 extern "C" int flock(int fd, int operation) {
     if (before_lock) {
         std::exchange(before_lock, nullptr)();
     }
-    return static_cast<int>(syscall(SYS_flock, fd, operation));
+    return Fails("flock") ? -1 : static_cast<int>(syscall(SYS_flock, fd, operation));
 }
 
 extern "C" int fsync(int fd) {
@@ -57,7 +90,7 @@ extern "C" int fsync(int fd) {
     if (killed_at_fsync) {
         raise(SIGKILL);
     }
-    return static_cast<int>(syscall(SYS_fsync, fd));
+    return Fails("fsync") ? -1 : static_cast<int>(syscall(SYS_fsync, fd));
 }
 
 namespace {
@@ -90,6 +123,16 @@ std::string RightsOf(const std::string& path) {
 
 int SetAttribute(const std::string& path, const char* name, const std::string& value) {
     return setxattr(path.c_str(), name, value.data(), value.size(), 0);
+}
+
+// Tag, rights and id each of the owner, user 0, the owning group, the mask and all others (on a
+// little-endian machine). With no rights for the group the mode still shows the mask: rw.
+std::string AccessList(char group) {
+    const auto entry = [](char tag, char rights, char id = '\xFF') {
+        return std::string{tag, 0, rights, 0} + std::string(4, id);
+    };
+    return std::string{2, 0, 0, 0} + entry(1, 6) + entry(2, 6, 0) + entry(4, group) + entry(16, 6) +
+           entry(32, 0);
 }
 
 TEST(FileUtils, PathsThatAreNoRegularFileAreErrorsAtOnce) {
@@ -202,19 +245,10 @@ TEST(FileUtils, AFullDiskLeavesEveryFileWholeAndLinksStayLinks) {
 }
 
 TEST(FileUtils, AReplacedFileKeepsItsRightsExactlyAndACopyGetsThoseOfItsSource) {
-    // Tag, rights and id each of the owner, user 0, the owning group, the mask and all others (on a
-    // little-endian machine). With no rights for the group the mode still shows the mask: rw.
-    const auto entry = [](char tag, char rights, char id = '\xFF') {
-        return std::string{tag, 0, rights, 0} + std::string(4, id);
-    };
-    const auto list = [&](char group) {
-        return std::string{2, 0, 0, 0} + entry(1, 6) + entry(2, 6, 0) + entry(4, group) +
-               entry(16, 6) + entry(32, 0);
-    };
     const TempDir dir;
     dir.Run("touch plain listed && chown 12:34 * && chmod 2644 *");
-    ASSERT_EQ(SetAttribute(dir / "listed", kAttributes[0], list(0)), 0);
-    ASSERT_EQ(SetAttribute(dir / "", "system.posix_acl_default", list(6)), 0);
+    ASSERT_EQ(SetAttribute(dir / "listed", kAttributes[0], AccessList(0)), 0);
+    ASSERT_EQ(SetAttribute(dir / "", "system.posix_acl_default", AccessList(6)), 0);
     // Not every kernel and every user may set these.
     SetAttribute(dir / "listed", kAttributes[1], "mine");
     SetAttribute(dir / "listed", kAttributes[2], "root's");
@@ -268,6 +302,50 @@ TEST(FileUtils, AShortWriteGoesOnAndADirectoryThatCannotBeFlushedIsAWarning) {
     EXPECT_EQ(Read(dir / "file"), "abcdefghij0123456789");
     EXPECT_EQ(Read(dir / "added"), "0123456789abcdefghijABCDEFGHIJKLMNOPQRST");
     EXPECT_NE(log.str().find(dir / "file"), std::string::npos) << log.str();
+}
+
+// Each call fails once, in turn.
+TEST(FileUtils, AFailureAnywhereIsToldAndLeavesEveryFileWhole) {
+    const TempDir dir;
+    std::string read;
+    const struct {
+        std::function<int()> act;
+        std::string survived;  // what may fail and no harm done
+    } cases[] = {
+        {[&] { return WriteFile(dir / "link", "new", false); },
+         "fstat fstat pread getxattr fsync "},
+        {[&] { return WriteFile(dir / "link", "new", true); }, ""},
+        {[&] { return SafeCopyFile(dir / "link", dir / "copy", 100); }, "fstat fchown fsync "},
+        {[&] { return ReadFile(dir / "link", read, 100, Links::kTrusted); }, ""},
+        {[&] { return GetFileSha256(dir / "link", read, 100); }, ""},
+    };
+    for (const auto& c : cases) {
+        std::string survived;
+        for (int call = 1;; ++call) {
+            dir.Run(
+                "rm -rf * .[a-z]* && printf old >file && chown 1:1 file && ln -s file link && "
+                "touch .file.watchpost-new .copy.watchpost-new");
+            ASSERT_EQ(SetAttribute(dir / "file", kAttributes[0], AccessList(0)), 0);
+            read = "kept";
+            fail_at = call;
+            failed.clear();
+            const int error = c.act();
+            fail_at = 0;
+            if (failed.empty()) {
+                EXPECT_EQ(error, 0);
+                break;
+            }
+            if (error == 0) {
+                survived += failed + " ";
+                continue;
+            }
+            EXPECT_EQ(error, EIO) << failed;
+            EXPECT_EQ(Read(dir / "file"), "old") << failed;
+            EXPECT_EQ(read, "kept") << failed;
+            EXPECT_FALSE(IsFile(dir / "copy")) << failed;
+        }
+        EXPECT_EQ(survived, c.survived);
+    }
 }
 
 TEST(FileUtils, KilledWritersLeaveOneFileThatTheNextOneRemoves) {
