@@ -251,7 +251,10 @@ public:
         SetHash("abc");
     }
     bool Parse(const std::string& /*text*/) override { return true; }
-    void Dispatch(Policy* /*previous*/) override { Tell("in force"); }
+    void Dispatch(Policy* previous) override {
+        FeaturePolicy::Dispatch(previous);
+        Tell("in force");
+    }
 };
 
 // A module whose documents give what the test says. Its task, "worker", tells its life, with the
@@ -352,6 +355,7 @@ TEST(Delivery, ReplacesInOrderSwitchesOffAndWhatIsRefusedChangesNothing) {
     EXPECT_EQ(1, log.Holding("3 policy b has to wait"));
     module->EnforcePolicies();
     Expect("a UnInit;a gone;in force;b Init;b Run;");
+    EXPECT_EQ(1, log.Count("6 feature feature: policy with hash [abc] takes over from hash [abc]"));
 
     const auto off = [] {
         auto* const policy = new WorkerPolicy("worker", 1);

@@ -145,6 +145,7 @@ TEST(Security, AHostReachesItsOwnAndNothingOfAnothers) {
     }
     EXPECT_THROW(Fleet::Connect(As("other", "")), Poco::IOException);
 
+    const TestSupport::LogCapture heard("watchpost");
     const Fleet::Nats::Connection other = Fleet::Connect(As("other", "other"));
     jsCtx* context = nullptr;
     natsConnection_JetStream(&context, other.get(), nullptr);
@@ -157,6 +158,7 @@ TEST(Security, AHostReachesItsOwnAndNothingOfAnothers) {
           Fleet::SubjectOfPolicy("host.other"), std::string("watchpost.policy.host.a=2Eb")}) {
         EXPECT_NE(NATS_OK, put(context, forbidden, "evil", 300)) << forbidden;
     }
+    EXPECT_EQ(5, heard.Holding("3 fleet: the servers refuse: "));
     // One for all the others.
     natsMsg* rollup = nullptr;
     natsMsg_Create(&rollup, Fleet::SubjectOfHost("other").c_str(), nullptr, "evil", 4);

@@ -43,12 +43,8 @@ public:
     bool IsReady() const { return ready_; }
     const Fleet::Settings& Access() const { return settings_; }
     static std::vector<std::string> Servers(const std::string& user = "") {
-        std::vector<std::string> servers;
-        for (int i = 0; i < kServers; ++i) {
-            servers.push_back("nats://" + (user.empty() ? "" : user + ":x@") +
-                              "127.0.0.1:" + std::to_string(4221 + i));
-        }
-        return servers;
+        const std::string at = "nats://" + (user.empty() ? "" : user + ":x@") + "127.0.0.1:422";
+        return {at + "1", at + "2", at + "3"};
     }
     std::string Urls() const {
         return settings_.servers[0] + "," + settings_.servers[1] + "," + settings_.servers[2];

@@ -127,7 +127,9 @@ TEST_F(Forwarding, WhatAFullPassDoes) {
                              " is to forward /var/log/a to 10.0.0.1:514 over udp"));
         EXPECT_EQ(expected, reports.Finish());
     }
-    EXPECT_NE("", ReadText("/etc/rsyslog.d/watchpost_rsyslog.conf"));
+    const std::string written = ReadText("/etc/rsyslog.d/watchpost_rsyslog.conf");
+    EXPECT_NE("", written);
+    EXPECT_EQ(1, log_.Count("8 all msg: " + written));
     EXPECT_EQ(before + 2, restarted());
 }
 

@@ -109,6 +109,8 @@ TEST(Rules, ComeAroundAgainOverAnyNumberOfFiles) {
           std::tuple("*.* /a\n", "/b|/a", "none 0|loops 1"),
           std::tuple("auth.* /a\n*.* /b\n", "/a", "copied 1"),
           std::tuple("local1.* /b\nlocal2.* /a\n", "/a|/b", "loops 2|loops 1"),
+          std::tuple("local1.* /c\nlocal2.* /a\nlocal3.* /b\n", "/a|/b|/c",
+                     "loops 2|loops 3|loops 1"),
           std::tuple("local1.* /b\n:msg, contains, \"x\" /a\n", "/a|/b", "perhaps 2|perhaps 1"),
           std::tuple("local1.* /b\n", "/a|/b", "none 0|copied 1"),
           std::tuple("*.* /8\n", "/1|/2|/3|/4|/5|/6|/7|/8",
