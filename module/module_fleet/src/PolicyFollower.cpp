@@ -90,9 +90,9 @@ void PolicyFollower::Connect(natsConnection* connection) {
     wait_ = kSecondReading;
 }
 
-bool PolicyFollower::Work() {
+void PolicyFollower::Work() {
     if (connection_ == nullptr) {
-        return trouble_.empty();
+        return;
     }
     try {
         bool changed = TakeNews();
@@ -117,7 +117,6 @@ bool PolicyFollower::Work() {
         trouble_ = e.displayText();
         due_ = Clock::now() + backoff_.Next();
     }
-    return trouble_.empty();
 }
 
 bool PolicyFollower::TakeNews() {

@@ -30,9 +30,10 @@ public:
 
     // As ReportPublisher has it.
     void Connect(natsConnection* connection);
-    // Takes what news there is, without waiting for any. False while the bucket cannot be read; it
-    // is then tried again by itself. Throws Poco::IOException when the connection is of no use.
-    bool Work();
+    // Takes what news there is, without waiting for any. A bucket that cannot be read is tried
+    // again by itself, and Trouble() tells of it. Throws Poco::IOException when the connection is
+    // of no use.
+    void Work();
 
     // The keys that are looked at, the first one first; what is followed; what is refused in its
     // favour: {"keys","file","source","revision","hash",

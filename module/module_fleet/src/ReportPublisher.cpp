@@ -129,10 +129,10 @@ void ReportPublisher::Connect(natsConnection* connection) {
     acks_ = Nats::Subscribe(connection, inbox_ + "*");
 }
 
-bool ReportPublisher::Work(milliseconds time) {
+void ReportPublisher::Work(milliseconds time) {
     const auto now = Clock::now();
     if (connection_ == nullptr || now < next_try_) {
-        return trouble_.empty();
+        return;
     }
     try {
         Publish(now + time);
@@ -145,7 +145,6 @@ bool ReportPublisher::Work(milliseconds time) {
         next_try_ =
             Clock::now() + (question_ == Question::kNone ? publishing_.Next() : asking_.Next());
     }
-    return trouble_.empty();
 }
 
 void ReportPublisher::Rewind() {

@@ -51,9 +51,9 @@ public:
     // From here on through this connection, which must outlive the use of it; null: none.
     void Connect(natsConnection* connection);
     // Publishes and takes acknowledgements for `time` at most, or a wait for one longer; returns
-    // early when nothing is to be done. False while the stream does not take anything; it is then
-    // tried again by itself. Throws Poco::IOException when the connection is of no use.
-    bool Work(std::chrono::milliseconds time);
+    // early when nothing is to be done. What the stream does not take is tried again by itself, and
+    // Trouble() tells of it. Throws Poco::IOException when the connection is of no use.
+    void Work(std::chrono::milliseconds time);
     // Writes the checkpoint when it has changed. Throws Poco::IOException.
     void WriteCheckpoint();
 

@@ -158,6 +158,7 @@ TEST_F(Forwarding, AlarmsOnceForACodeAndHistoryAlarmsOnceInFourHours) {
         task_->SendRsyslogAlarm(user, "/.bashrc", content, found, now);
         EXPECT_EQ(known, found != task_->alarm_time_map.end());
         EXPECT_EQ(times, task_->alarm_time_map);
+        EXPECT_LE(1, log_.Count("8 syslog alarm message is [" + expected.back().second + "]"));
     }
     EXPECT_EQ(expected, reports.Finish());
     // What cannot suppress anything any more is forgotten.
